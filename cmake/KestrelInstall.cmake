@@ -1,0 +1,32 @@
+# Installation: headers, libraries, a CMake package (kestrel::kestrel and
+# kestrel::qxfoundation) and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(KESTREL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/kestrel")
+
+install(TARGETS kestrel qxfoundation
+    EXPORT kestrelTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/kestrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT kestrelTargets
+    NAMESPACE kestrel::
+    DESTINATION ${KESTREL_CMAKE_DIR})
+
+configure_package_config_file(cmake/kestrelConfig.cmake.in
+    "${CMAKE_CURRENT_BINARY_DIR}/kestrelConfig.cmake"
+    INSTALL_DESTINATION ${KESTREL_CMAKE_DIR})
+write_basic_package_version_file(
+    "${CMAKE_CURRENT_BINARY_DIR}/kestrelConfigVersion.cmake"
+    VERSION ${PROJECT_VERSION}
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    "${CMAKE_CURRENT_BINARY_DIR}/kestrelConfig.cmake"
+    "${CMAKE_CURRENT_BINARY_DIR}/kestrelConfigVersion.cmake"
+    DESTINATION ${KESTREL_CMAKE_DIR})
+
+configure_file(cmake/kestrel.pc.in "${CMAKE_CURRENT_BINARY_DIR}/kestrel.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kestrel.pc"
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

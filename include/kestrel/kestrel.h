@@ -1,0 +1,7 @@
+// Umbrella header: everything the library offers.
+#pragma once
+
+#include "kestrel/exception.h"
+#include "kestrel/export.h"
+#include "kestrel/time.h"
+#include "kestrel/ustring.h"
