@@ -21,14 +21,10 @@ namespace kestrel {
 //   changed or the object is destroyed.
 // Errors: never throws, except std::bad_alloc when a string cannot grow.
 class KESTREL_API KSException {
-public:
+  public:
     // Identifier := id (empty when null); message := the formatted text
     // (empty when format is null).
-    KSException(const char* const id, const char* const format, ...)
-#if defined(__GNUC__)
-        __attribute__((format(printf, 3, 4)))
-#endif
-        ;
+    KSException(const char* const id, const char* const format, ...) KESTREL_PRINTF_FORMAT(3, 4);
     KSException(const KSException& other);
     KSException& operator=(const KSException& other);
     virtual ~KSException();
@@ -37,33 +33,21 @@ public:
     void setID(const char* const id);
 
     // Message := the formatted text; a null format empties it.
-    void setMessage(const char* const format, ...)
-#if defined(__GNUC__)
-        __attribute__((format(printf, 2, 3)))
-#endif
-        ;
-    void vsetMessage(const char* const format, va_list args);
+    void setMessage(const char* const format, ...) KESTREL_PRINTF_FORMAT(2, 3);
+    void vsetMessage(const char* const format, va_list args) KESTREL_PRINTF_FORMAT(2, 0);
 
     // Message := old message + new piece (no separator). A null format
     // leaves the message unchanged.
-    void appendMessage(const char* const format, ...)
-#if defined(__GNUC__)
-        __attribute__((format(printf, 2, 3)))
-#endif
-        ;
+    void appendMessage(const char* const format, ...) KESTREL_PRINTF_FORMAT(2, 3);
     // Message := new piece + old message (no separator). A null format
     // leaves the message unchanged.
-    void prependMessage(const char* const format, ...)
-#if defined(__GNUC__)
-        __attribute__((format(printf, 2, 3)))
-#endif
-        ;
+    void prependMessage(const char* const format, ...) KESTREL_PRINTF_FORMAT(2, 3);
 
     // Never null; empty when unset.
     const char* getID() const;
     const char* getMessage() const;
 
-private:
+  private:
     std::string _id;
     std::string _message;
 };

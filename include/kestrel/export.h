@@ -12,3 +12,12 @@
 #else
 #define KESTREL_API __attribute__((visibility("default")))
 #endif
+
+// KESTREL_PRINTF_FORMAT(f, a) lets the compiler check printf-style calls:
+// f is the 1-based position of the format parameter (counting `this` for
+// members), a that of the first variadic argument, or 0 for a va_list.
+#if defined(__GNUC__) || defined(__clang__)
+#define KESTREL_PRINTF_FORMAT(f, a) __attribute__((format(printf, f, a)))
+#else
+#define KESTREL_PRINTF_FORMAT(f, a)
+#endif

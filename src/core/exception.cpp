@@ -10,6 +10,7 @@ namespace {
 // cut to its first kPieceBufferSize - 1 characters.
 constexpr std::size_t kPieceBufferSize = 2048;
 
+KESTREL_PRINTF_FORMAT(1, 0)
 std::string formatPiece(const char* format, va_list args) {
     if (format == nullptr) {
         return std::string();
@@ -73,8 +74,12 @@ void KSException::prependMessage(const char* const format, ...) {
     _message.insert(0, piece);
 }
 
-const char* KSException::getID() const { return _id.c_str(); }
+const char* KSException::getID() const {
+    return _id.c_str();
+}
 
-const char* KSException::getMessage() const { return _message.c_str(); }
+const char* KSException::getMessage() const {
+    return _message.c_str();
+}
 
 }  // namespace kestrel
