@@ -38,3 +38,10 @@ format-check:
 
 clean:
 	rm -rf build
+
+.PHONY: docs
+docs:
+	@scripts/install-deps docs
+	@mkdir -p build/docs
+	doxygen docs/Doxyfile
+	@echo "API documentation: build/docs/html/index.html"
