@@ -3,5 +3,8 @@
 
 #include "kestrel/exception.h"
 #include "kestrel/export.h"
+#include "kestrel/formatting.h"
+#include "kestrel/lock.h"
+#include "kestrel/strings.h"
 #include "kestrel/time.h"
 #include "kestrel/ustring.h"

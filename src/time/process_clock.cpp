@@ -1,18 +1,251 @@
 #include "time/process_clock.h"
 
+#include <algorithm>
 #include <boost/chrono/system_clocks.hpp>
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+#include <cmath>
+#include <cstddef>
+#include <ctime>
+#include <limits>
 
 namespace kestrel {
 namespace detail {
 
-// Provisional: reads the wall clock directly.
+namespace {
+
+constexpr double kWallTicksPerSecond = 10000000.0;
+constexpr double kNanosecondsPerSecond = 1000000000.0;
+
+// Tracking lasts this long after calibration and after each blend.
+constexpr double kTrackingPeriod = 300.0;
+// Sampling lasts at least this long, and so does each blend.
+constexpr double kPhasePeriod = 60.0;
+// Sampling also gathers at least this many ratios.
+constexpr std::size_t kMinimumSamples = 30;
+// A wall-clock/stopwatch ratio or difference outside these bounds means the
+// wall clock was set: blend to it, then recalibrate.
+constexpr double kLowestRatio = 0.95;
+constexpr double kHighestRatio = 1.05;
+constexpr double kLargestDifference = 5.0;
+
+using WallTicks = boost::chrono::duration<std::int64_t, boost::ratio<1, 10000000>>;
+
+class SystemClockSources final : public ClockSources {
+  public:
+    std::int64_t wallTicks() override { return toTicks(boost::chrono::system_clock::now()); }
+    std::int64_t wallTicksAtTimeZero() override {
+        return toTicks(boost::chrono::system_clock::from_time_t(std::time_t{0}));
+    }
+    std::int64_t steadyNanoseconds() override {
+        return boost::chrono::duration_cast<boost::chrono::nanoseconds>(
+                   boost::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    }
+
+  private:
+    static std::int64_t toTicks(boost::chrono::system_clock::time_point t) {
+        return boost::chrono::duration_cast<WallTicks>(t.time_since_epoch()).count();
+    }
+};
+
+enum CalibrationState : std::int32_t {
+    Uncalibrated = 0,  // the next request calibrates
+    Tracking = 1,      // the rate is used unchanged
+    Sampling = 2,      // each request records one wall-clock/stopwatch ratio
+    Blending = 3,      // the rate moves linearly to targetRate
+};
+
+// The ratios gathered while sampling, kept as their running sum in the
+// order they arrive: the mean is the one of the full list, and memory stays
+// constant however many requests a sampling phase sees.
+class RatioSamples {
+  public:
+    void clear() {
+        _sum = 0.0;
+        _count = 0;
+    }
+    void add(double ratio) {
+        _sum += ratio;
+        ++_count;
+    }
+    std::size_t size() const { return _count; }
+    double mean() const { return _sum / static_cast<double>(_count); }
+
+  private:
+    double _sum = 0.0;
+    std::size_t _count = 0;
+};
+
+// The process-wide clock state. Times called x are stopwatch seconds since
+// calibration; every member is guarded by calibrationLock, which each
+// request holds throughout.
+class ClockCalibration {
+  public:
+    double now() {
+        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        if (state == Uncalibrated) {
+            calibrate();
+        }
+        const double x = stopwatchSeconds();
+        return baseTime + rateStep(x);
+    }
+
+    double getSystemGranularity() {
+        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        if (state == Uncalibrated) {
+            calibrate();
+        }
+        return systemGranularity;
+    }
+
+    void reset(ClockSources* replacement) {
+        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        sources = replacement != nullptr ? replacement : &systemSources;
+        state = Uncalibrated;
+        rate = targetRate = previousRate = 1.0;
+        restartAfterBlend = false;
+        ratioSamples.clear();
+    }
+
+    std::int32_t getState() {
+        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        return state;
+    }
+
+  private:
+    // Wall-clock seconds since time value 0.
+    double wallSeconds() const {
+        return static_cast<double>(sources->wallTicks() - epoch) / kWallTicksPerSecond;
+    }
+
+    double stopwatchSeconds() const {
+        return static_cast<double>(sources->steadyNanoseconds() - stopwatchStart) /
+               kNanosecondsPerSecond;
+    }
+
+    // Takes the base time from the wall clock just after one of its steps,
+    // which also measures the step, and restarts the stopwatch.
+    void calibrate() {
+        epoch = sources->wallTicksAtTimeZero();
+        const double t0 = wallSeconds();
+        double t = t0;
+        do {
+            t = wallSeconds();
+            baseTime = t;
+            systemGranularity = t - t0;
+        } while (std::fabs(t - t0) < std::numeric_limits<double>::epsilon());
+        stopwatchStart = sources->steadyNanoseconds();
+        rate = 1.0;
+        state = Tracking;
+        deadline = kTrackingPeriod;
+    }
+
+    // The stopwatch seconds x corrected by the rate, advancing the state.
+    // The rate multiplies the whole of x.
+    double rateStep(double x) {
+        const double wallElapsed = wallSeconds() + systemGranularity * 0.5 - baseTime;
+
+        if (x > kTrackingPeriod && (state == Tracking || state == Sampling)) {
+            const double ratio = wallElapsed / x;
+            const double difference = wallElapsed - x;
+            if (ratio < kLowestRatio || ratio > kHighestRatio || difference < -kLargestDifference ||
+                difference > kLargestDifference) {
+                previousRate = rate;
+                targetRate = ratio;
+                blendStart = x;
+                deadline = x + kPhasePeriod;
+                restartAfterBlend = true;
+                state = Blending;
+            }
+        }
+
+        switch (state) {
+            case Tracking:
+                if (x > deadline) {
+                    ratioSamples.clear();
+                    state = Sampling;
+                    deadline = x + kPhasePeriod;
+                }
+                return x * rate;
+
+            case Sampling:
+                ratioSamples.add(wallElapsed / x);
+                if (x > deadline && ratioSamples.size() >= kMinimumSamples) {
+                    previousRate = rate;
+                    targetRate = ratioSamples.mean();
+                    state = Blending;
+                    blendStart = x;
+                    deadline = x + kPhasePeriod;
+                }
+                return x * rate;  // the blend begins with the next request
+
+            case Blending: {
+                // Any newer ratio closer to 1.0 replaces the target.
+                const double current = wallElapsed / x;
+                if (std::fabs(targetRate - 1.0) > std::fabs(current - 1.0)) {
+                    targetRate = current;
+                }
+                const double progress = std::min((x - blendStart) / kPhasePeriod, 1.0);
+                rate = progress * (targetRate - previousRate) + previousRate;
+                if (x > deadline) {
+                    rate = targetRate;
+                    if (!restartAfterBlend) {
+                        state = Tracking;
+                        deadline = x + kTrackingPeriod;
+                    } else {
+                        state = Uncalibrated;
+                        restartAfterBlend = false;
+                    }
+                }
+                return x * rate;
+            }
+
+            default:
+                return x * rate;
+        }
+    }
+
+    boost::recursive_mutex calibrationLock;
+    SystemClockSources systemSources;
+    ClockSources* sources = &systemSources;  // guarded by calibrationLock
+
+    // All guarded by calibrationLock.
+    std::int32_t state = Uncalibrated;
+    std::int64_t epoch = 0;           // wall ticks of time value 0
+    double baseTime = 0.0;            // wall seconds at calibration
+    double systemGranularity = 0.0;   // one wall-clock step, seconds
+    std::int64_t stopwatchStart = 0;  // steady nanoseconds at calibration
+    double rate = 1.0;
+    double targetRate = 1.0;
+    double previousRate = 1.0;
+    double deadline = 0.0;    // stopwatch seconds when the current phase ends
+    double blendStart = 0.0;  // stopwatch seconds when the current blend began
+    bool restartAfterBlend = false;
+    RatioSamples ratioSamples;
+};
+
+ClockCalibration& clockCalibration() {
+    static ClockCalibration calibration;
+    return calibration;
+}
+
+}  // namespace
+
 double processClockNow() {
-    const auto since = boost::chrono::system_clock::now().time_since_epoch();
-    return boost::chrono::duration<double>(since).count();
+    return clockCalibration().now();
 }
 
 double processClockSystemGranularity() {
-    return 1e-7;
+    return clockCalibration().getSystemGranularity();
+}
+
+void setProcessClockSourcesForTesting(ClockSources* sources) {
+    clockCalibration().reset(sources);
+}
+
+std::int32_t getProcessClockStateForTesting() {
+    return clockCalibration().getState();
 }
 
 }  // namespace detail

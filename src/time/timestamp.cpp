@@ -1,8 +1,8 @@
 #include <cmath>
 #include <cstdint>
-#include <ctime>
 
 #include "kestrel/time.h"
+#include "platform/platform.h"
 #include "time/process_clock.h"
 
 namespace kestrel {
@@ -31,17 +31,16 @@ void Timestamp::getTimeVector(std::vector<double>& v) const {
     if (whole >= 9.2e18) {
         return;
     }
-    const std::time_t seconds = static_cast<std::time_t>(static_cast<std::int64_t>(whole));
-    std::tm local{};
-    if (localtime_r(&seconds, &local) == nullptr) {
+    platform::CalendarTime local{};
+    if (!platform::toLocalCalendarTime(static_cast<std::int64_t>(whole), local)) {
         return;
     }
-    v.push_back(static_cast<double>(local.tm_year) + 1900.0);
-    v.push_back(static_cast<double>(local.tm_mon) + 1.0);
-    v.push_back(static_cast<double>(local.tm_mday));
-    v.push_back(static_cast<double>(local.tm_hour));
-    v.push_back(static_cast<double>(local.tm_min));
-    v.push_back(static_cast<double>(local.tm_sec) + (_time - whole));
+    v.push_back(static_cast<double>(local.year));
+    v.push_back(static_cast<double>(local.month));
+    v.push_back(static_cast<double>(local.day));
+    v.push_back(static_cast<double>(local.hour));
+    v.push_back(static_cast<double>(local.minute));
+    v.push_back(static_cast<double>(local.second) + (_time - whole));
 }
 
 bool Timestamp::isEquivalent(const Timestamp& other, double tolerance) const {
