@@ -3,5 +3,6 @@
 
 #include "kestrel/exception.h"
 #include "kestrel/export.h"
+#include "kestrel/threads.h"
 #include "kestrel/time.h"
 #include "kestrel/ustring.h"
