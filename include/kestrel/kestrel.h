@@ -6,5 +6,6 @@
 #include "kestrel/formatting.h"
 #include "kestrel/lock.h"
 #include "kestrel/strings.h"
+#include "kestrel/threads.h"
 #include "kestrel/time.h"
 #include "kestrel/ustring.h"

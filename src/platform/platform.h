@@ -5,3 +5,4 @@
 #pragma once
 
 #include "platform/local_time.h"
+#include "platform/thread_priority.h"
