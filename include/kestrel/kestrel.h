@@ -4,5 +4,6 @@
 #include "kestrel/events.h"
 #include "kestrel/exception.h"
 #include "kestrel/export.h"
+#include "kestrel/threads.h"
 #include "kestrel/time.h"
 #include "kestrel/ustring.h"

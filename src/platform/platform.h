@@ -3,3 +3,5 @@
 // implementation folder per operating system (posix/, win32/) is chosen by
 // the build.
 #pragma once
+
+#include "platform/thread_priority.h"

@@ -1,0 +1,45 @@
+#include <boost/thread/locks.hpp>
+
+#include "kestrel/threads.h"
+#include "threads/thread_support.h"
+
+namespace kestrel {
+
+Event::Event(bool manualReset, bool initialState)
+    : _mutex(std::make_unique<Mutex>()),
+      _condition(std::make_unique<Condition>()),
+      _manualReset(manualReset),
+      _signalled(initialState) {}
+
+Event::~Event() = default;
+
+void Event::signal() {
+    {
+        const boost::lock_guard<boost::mutex> lock(*_mutex);
+        _signalled = true;
+    }
+    // The flag is set before anyone is woken, so a waiter that has not yet
+    // blocked finds it when it tests.
+    if (_manualReset) {
+        _condition->notify_all();
+    } else {
+        _condition->notify_one();
+    }
+}
+
+void Event::reset() {
+    const boost::lock_guard<boost::mutex> lock(*_mutex);
+    _signalled = false;
+}
+
+void Event::wait() {
+    boost::unique_lock<boost::mutex> lock(*_mutex);
+    while (!_signalled) {
+        _condition->wait(lock);
+    }
+    if (!_manualReset) {
+        _signalled = false;
+    }
+}
+
+}  // namespace kestrel

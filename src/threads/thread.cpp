@@ -1,0 +1,171 @@
+#include <boost/thread/barrier.hpp>
+#include <boost/thread/exceptions.hpp>
+#include <boost/thread/thread.hpp>
+#include <cstring>
+#include <type_traits>
+
+#include "kestrel/threads.h"
+#include "platform/platform.h"
+#include "threads/thread_support.h"
+
+namespace kestrel {
+
+// ID keeps the threading library's identifier in opaque storage.
+static_assert(std::is_trivially_copyable<boost::thread::id>::value,
+              "Thread::ID copies the identifier byte-wise");
+static_assert(sizeof(boost::thread::id) <= 16 && alignof(boost::thread::id) <= 8,
+              "Thread::ID storage too small for the thread identifier");
+
+namespace {
+
+boost::thread::id unpack(const unsigned char* storage) {
+    boost::thread::id id;
+    std::memcpy(static_cast<void*>(&id), storage, sizeof(id));
+    return id;
+}
+
+}  // namespace
+
+// One per Thread: the operating-system thread of the current start and the
+// rendezvous with it.
+class Thread::ThreadImpl {
+  public:
+    ThreadImpl(Thread* owner, ThreadPriority priority)
+        : _owner(owner), _priority(priority), _active(false), _startBarrier(2) {}
+
+    bool start();
+    void join();
+    bool isActive() const { return _active; }
+    boost::thread::id getID() const { return _thread ? _thread->get_id() : boost::thread::id(); }
+
+  private:
+    bool threadFunction();
+
+    Thread* const _owner;
+    const ThreadPriority _priority;
+    bool _active;
+    std::unique_ptr<boost::thread> _thread;
+    boost::barrier _startBarrier;
+    // Written by the new thread before the rendezvous, read by start() after.
+    platform::ThreadPriorityHandle _priorityHandle;
+};
+
+bool Thread::ThreadImpl::start() {
+    if (_active) {
+        return true;
+    }
+    _active = true;
+    std::unique_ptr<boost::thread> created;
+    try {
+        created = std::make_unique<boost::thread>(&ThreadImpl::threadFunction, this);
+    } catch (const boost::thread_resource_error&) {
+        _active = false;
+        return false;
+    } catch (...) {
+        _active = false;
+        throw;
+    }
+    _thread = std::move(created);
+    _startBarrier.wait();
+
+    switch (_priority) {
+        case HIGH_PRIORITY:
+            platform::applyThreadPriority(_priorityHandle, platform::ThreadPriorityShift::Highest);
+            break;
+        case LOW_PRIORITY:
+            platform::applyThreadPriority(_priorityHandle, platform::ThreadPriorityShift::Lowest);
+            break;
+        default:
+            break;
+    }
+    return true;
+}
+
+bool Thread::ThreadImpl::threadFunction() {
+    bool result = true;
+    _priorityHandle = platform::captureCurrentThread();
+    _startBarrier.wait();
+    try {
+        result = _owner->run();
+    } catch (const boost::thread_interrupted&) {
+        // An interruption ends the thread quietly.
+    } catch (...) {
+        result = false;
+    }
+    return result;
+}
+
+void Thread::ThreadImpl::join() {
+    if (!_active) {
+        return;
+    }
+    _thread->join();
+    _thread.reset();
+    _active = false;
+}
+
+Thread::ID::ID() noexcept {
+    const boost::thread::id none;
+    std::memset(_storage, 0, sizeof(_storage));
+    std::memcpy(_storage, static_cast<const void*>(&none), sizeof(none));
+}
+
+bool Thread::ID::operator==(const ID& other) const noexcept {
+    return unpack(_storage) == unpack(other._storage);
+}
+
+bool Thread::ID::operator!=(const ID& other) const noexcept {
+    return !(*this == other);
+}
+
+bool Thread::ID::operator<(const ID& other) const noexcept {
+    return unpack(_storage) < unpack(other._storage);
+}
+
+Thread::Thread(ThreadPriority priority) : _impl(std::make_unique<ThreadImpl>(this, priority)) {}
+
+Thread::~Thread() = default;
+
+bool Thread::start() {
+    return _impl->start();
+}
+
+void Thread::join() {
+    _impl->join();
+}
+
+bool Thread::isActive() const {
+    return _impl->isActive();
+}
+
+Thread::ID Thread::getID() const {
+    ID id;
+    const boost::thread::id native = _impl->getID();
+    std::memcpy(id._storage, static_cast<const void*>(&native), sizeof(native));
+    return id;
+}
+
+Thread::ID Thread::getCurrentID() {
+    ID id;
+    const boost::thread::id native = boost::this_thread::get_id();
+    std::memcpy(id._storage, static_cast<const void*>(&native), sizeof(native));
+    return id;
+}
+
+std::size_t Thread::getNumCores() {
+    return static_cast<std::size_t>(boost::thread::hardware_concurrency());
+}
+
+void Thread::sleep(double seconds) {
+    const double s = seconds > 0.0 ? seconds : 0.0;  // negative and NaN: no wait
+    const std::int64_t duration =
+        s == INFINITE_SECONDS ? detail::kUnboundedNanoseconds : detail::roundedNanoseconds(s);
+    boost::this_thread::sleep_until(
+        detail::steadyTimePoint(detail::steadyNowNanoseconds() + duration));
+}
+
+void Thread::yield() {
+    boost::this_thread::yield();
+}
+
+}  // namespace kestrel

@@ -1,0 +1,54 @@
+// Internals shared by the thread sources: the steady clock in nanoseconds,
+// the rounding of durations, and the synchronisation objects behind Event.
+#pragma once
+
+#include <boost/chrono/system_clocks.hpp>
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+#include <cmath>
+#include <cstdint>
+
+#include "kestrel/threads.h"
+
+namespace kestrel {
+
+struct Event::Mutex : boost::mutex {};
+struct Event::Condition : boost::condition_variable {};
+
+namespace detail {
+
+// How far an unbounded wait reaches: 10^18 ns, about 31.7 years.
+constexpr std::int64_t kUnboundedNanoseconds = 1000000000000000000;
+
+using SteadyClock = boost::chrono::steady_clock;
+
+inline std::int64_t steadyNowNanoseconds() {
+    return boost::chrono::duration_cast<boost::chrono::nanoseconds>(
+               SteadyClock::now().time_since_epoch())
+        .count();
+}
+
+inline SteadyClock::time_point steadyTimePoint(std::int64_t nanoseconds) {
+    return SteadyClock::time_point(boost::chrono::nanoseconds(nanoseconds));
+}
+
+// seconds rounded to whole microseconds and expressed in nanoseconds: the
+// truncation of (seconds + 5e-7) * 1e6, times 1000. NaN counts as 0; values
+// beyond the unbounded reach (positive or negative) are held at it.
+inline std::int64_t roundedNanoseconds(double seconds) {
+    constexpr double kLimitMicros = static_cast<double>(kUnboundedNanoseconds / 1000);
+    const double micros = (seconds + 5e-7) * 1e6;
+    if (std::isnan(micros)) {
+        return 0;
+    }
+    if (micros >= kLimitMicros) {
+        return kUnboundedNanoseconds;
+    }
+    if (micros <= -kLimitMicros) {
+        return -kUnboundedNanoseconds;
+    }
+    return static_cast<std::int64_t>(micros) * 1000;
+}
+
+}  // namespace detail
+}  // namespace kestrel

@@ -1,0 +1,124 @@
+#include <boost/thread/locks.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+
+#include "kestrel/threads.h"
+
+namespace kestrel {
+
+struct TimerThread::Mutex : boost::recursive_mutex {};
+
+namespace {
+
+using Lock = boost::lock_guard<boost::recursive_mutex>;
+
+// Executions happen this long after their due time, never before it.
+constexpr double kDueMargin = 0.0005;
+
+}  // namespace
+
+TimerThread::TimerThread(ExecutionMode mode, double period)
+    : WorkThread(Thread::HIGH_PRIORITY),
+      _mutex(std::make_unique<Mutex>()),
+      _mode(mode),
+      _period(1.0),
+      _executions(0),
+      _startTime(),
+      _executionTime(_startTime),
+      _restarting(false) {
+    setPeriod(period);
+}
+
+TimerThread::~TimerThread() {
+    stop();
+}
+
+void TimerThread::setPeriod(double period) {
+    if (!(period > 0.0) || period == Thread::INFINITE_SECONDS || getPeriod() == period) {
+        return;
+    }
+    const bool wasActive = getState() != STOPPED;
+    if (wasActive) {
+        stop();
+    }
+    {
+        const Lock lock(*_mutex);
+        _period = period;
+    }
+    if (wasActive) {
+        // The new timer thread reads the flag in starting(), before start()
+        // returns.
+        _restarting = true;
+        try {
+            start();
+        } catch (...) {
+            _restarting = false;
+            throw;
+        }
+        _restarting = false;
+    }
+}
+
+double TimerThread::getPeriod() const {
+    const Lock lock(*_mutex);
+    return _period;
+}
+
+int TimerThread::getExecutions() const {
+    const Lock lock(*_mutex);
+    return _executions;
+}
+
+Timestamp TimerThread::getStartTime() const {
+    const Lock lock(*_mutex);
+    return _startTime;
+}
+
+Timestamp TimerThread::getExecutionTime() const {
+    const Lock lock(*_mutex);
+    return _executionTime;
+}
+
+void TimerThread::waitUntilStop() {
+    wait(Thread::INFINITE_SECONDS);
+}
+
+void TimerThread::starting() {
+    initExecution();
+}
+
+void TimerThread::running() {
+    const double period = getPeriod();
+    const Timestamp passStart;
+    const Timestamp next = _mode == FIXED_DELAY ? passStart + period : getExecutionTime() + period;
+    double delay = next - Timestamp();
+    delay = delay < 0.0 ? 0.0 : delay + kDueMargin;
+    if (!wait(delay)) {
+        return;  // stop requested
+    }
+    setExecutionTime(next);
+    incrementExecutions();
+    executing();
+}
+
+void TimerThread::initExecution() {
+    if (_restarting) {
+        return;
+    }
+    const Lock lock(*_mutex);
+    const Timestamp now;
+    _executions = 0;
+    _startTime = now;
+    _executionTime = now;
+}
+
+void TimerThread::setExecutionTime(Timestamp t) {
+    const Lock lock(*_mutex);
+    _executionTime = t;
+}
+
+void TimerThread::incrementExecutions() {
+    const Lock lock(*_mutex);
+    ++_executions;
+}
+
+}  // namespace kestrel

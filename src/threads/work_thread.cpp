@@ -1,0 +1,163 @@
+#include <boost/thread/barrier.hpp>
+#include <boost/thread/exceptions.hpp>
+#include <boost/thread/locks.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+
+#include "kestrel/threads.h"
+#include "threads/thread_support.h"
+
+namespace kestrel {
+
+struct WorkThread::StateMutex : boost::recursive_mutex {};
+
+struct WorkThread::StartBarrier : boost::barrier {
+    StartBarrier() : boost::barrier(2) {}
+};
+
+namespace {
+
+// The slice of each half of the alternating wait(Event&).
+constexpr std::int64_t kWaitSliceNanoseconds = 1000000;
+
+}  // namespace
+
+WorkThread::WorkThread(Thread::ThreadPriority priority)
+    : Thread(priority),
+      _stateMutex(std::make_unique<StateMutex>()),
+      _state(STOPPED),
+      _startBarrier(std::make_unique<StartBarrier>()),
+      _stopEvent(false, false) {}
+
+WorkThread::~WorkThread() = default;
+
+bool WorkThread::start() {
+    if (getState() != STOPPED) {
+        return true;
+    }
+    setState(STARTING);
+    bool started = false;
+    try {
+        started = Thread::start();
+    } catch (...) {
+        setState(STOPPED);
+        throw;
+    }
+    if (!started) {
+        setState(STOPPED);
+        return false;
+    }
+    // The work thread arrives once starting() is over.
+    _startBarrier->wait();
+    setState(RUNNING);
+    return true;
+}
+
+bool WorkThread::stop() {
+    if (getState() == STOPPED) {
+        return true;
+    }
+    setState(STOPPING);
+    _stopEvent.signal();
+    Thread::join();
+    // A stop signal that no wait consumed must not reach the next start.
+    _stopEvent.reset();
+    setState(STOPPED);
+    return true;
+}
+
+bool WorkThread::isActive() const {
+    return getState() != STOPPED;
+}
+
+bool WorkThread::isRunning() const {
+    return getState() == RUNNING;
+}
+
+bool WorkThread::isStopping() const {
+    return getState() == STOPPING;
+}
+
+WorkThread::ThreadState WorkThread::getState() const {
+    const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
+    return _state;
+}
+
+void WorkThread::setState(ThreadState state) {
+    const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
+    _state = state;
+}
+
+void WorkThread::cleanup() {
+    _stopEvent.reset();
+    setState(STOPPED);
+}
+
+bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
+    const auto deadline = detail::steadyTimePoint(deadlineNanoseconds);
+    boost::unique_lock<boost::mutex> lock(*event._mutex);
+    while (!event._signalled) {
+        if (event._condition->wait_until(lock, deadline) == boost::cv_status::timeout) {
+            break;
+        }
+    }
+    if (!event._signalled) {
+        return false;
+    }
+    if (!event._manualReset) {
+        event._signalled = false;
+    }
+    return true;
+}
+
+bool WorkThread::wait(Event& event) {
+    for (;;) {
+        if (waitUntil(event, detail::steadyNowNanoseconds() + kWaitSliceNanoseconds)) {
+            return true;
+        }
+        if (waitUntil(_stopEvent, detail::steadyNowNanoseconds() + kWaitSliceNanoseconds)) {
+            return false;
+        }
+    }
+}
+
+bool WorkThread::wait(double seconds) {
+    if (seconds == Thread::INFINITE_SECONDS) {
+        _stopEvent.wait();
+        return false;
+    }
+    const std::int64_t deadline =
+        detail::steadyNowNanoseconds() + detail::roundedNanoseconds(seconds);
+    return !waitUntil(_stopEvent, deadline);
+}
+
+bool WorkThread::run() {
+    bool result = true;
+    try {
+        starting();
+    } catch (...) {
+        result = false;
+    }
+    _startBarrier->wait();
+    try {
+        running();
+        while (getState() != STOPPING) {
+            running();
+        }
+    } catch (const boost::thread_interrupted&) {
+        // An interruption ends the loop quietly.
+    } catch (...) {
+        result = false;
+    }
+    try {
+        stopping();
+    } catch (...) {
+        result = false;
+    }
+    return result;
+}
+
+void WorkThread::starting() {}
+
+void WorkThread::stopping() {}
+
+}  // namespace kestrel
