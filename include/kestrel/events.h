@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "kestrel/export.h"
+#include "kestrel/threads.h"
 
 namespace kestrel {
 
@@ -305,6 +306,69 @@ class KESTREL_API EventManager {
     std::unique_ptr<EventQueue> _eventQueue;
 
     static EventManager* _singleton;
+};
+
+// A worker thread that executes the events posted to it, in arrival order and
+// with coalescing, on its own thread. Any thread may post to it or flush it;
+// posts made while it is not running destroy the event unexecuted. Its queue
+// exists from the start to the stop of the thread: every start begins with an
+// empty queue.
+//
+// At a stop the thread first drains what its wake-up shows it (new posts are
+// refused once the stop is requested); the StopProcessingMode decides about
+// events that are still queued when the wait loop ends: PROCESS_PENDING_EVENTS
+// runs one more pass over them, any other value destroys them unexecuted.
+//
+// A post or flush that has found the thread running holds the thread's lock
+// until it is done, so a concurrent stop() waits for it instead of destroying
+// the queue beneath it. Match and merge objects and the destructors of
+// replaced or flushed events therefore run under the thread's lock: they must
+// not wait for this thread.
+//
+// Thread safety: start(), stop() and destruction belong to one owner thread
+//   (never the event thread); postEvent(), flushEvents() and isRunning() may be
+//   called from any thread, also from events executing on this thread.
+// Lifetime: the destructor stops the thread, honouring the stop mode, and
+//   destroys what is left. Not copyable.
+// Errors: start() returns false when no thread can be created; exceptions from
+//   events are discarded; exceptions from match or merge objects reach the
+//   poster or flusher as described for EventQueue.
+class KESTREL_API EventThread : protected WorkThread {
+  public:
+    enum StopProcessingMode : std::int32_t {
+        DISCARD_PENDING_EVENTS = 0,  // any value other than 1 behaves like this one
+        PROCESS_PENDING_EVENTS = 1
+    };
+
+    explicit EventThread(StopProcessingMode mode = DISCARD_PENDING_EVENTS);
+    ~EventThread() override;
+
+    // Starts the thread; returns once its queue exists.
+    bool start();
+    // Stops the thread and returns once it has ended; always true.
+    bool stop();
+    bool isRunning() const;
+
+    // Queues event, coalescing as EventQueue::postEvent() does, when the
+    // thread is running; otherwise destroys it unexecuted.
+    void postEvent(IEvent* const event, const IMatchEventFcn* const match,
+                   const IMergeEventInfoFcn* const merge);
+    // Removes the queued events that match accepts and destroys them
+    // unexecuted on the calling thread; does nothing unless running.
+    void flushEvents(const IMatchEventFcn& match);
+
+  private:
+    class EventQueueHandler;
+
+    void starting() override;
+    void running() override;
+    void stopping() override;
+    EventQueue* getEventQueue() const;
+
+    const StopProcessingMode _stopProcessingMode;
+    std::unique_ptr<detail::OpaqueMutex> _mutex;
+    std::unique_ptr<EventQueue> _eventQueue;  // guarded by _mutex
+    Event _wakeEvent;                         // auto reset; signalled by the queue's handler
 };
 
 // A read cursor over a container that holds the container owner's lock for

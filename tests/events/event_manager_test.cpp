@@ -18,7 +18,7 @@ using Counts = std::vector<std::size_t>;
 namespace {
 
 class EventManagerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_EQ(EventManager::getInstance(), nullptr);
         manager = EventManager::createInstance(new RecordingHandler(calls, handlers));
