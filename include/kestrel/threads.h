@@ -44,6 +44,10 @@ class KESTREL_API Thread {
 
     // Identifies a thread object's operating-system thread. A default ID
     // names no thread; IDs compare equal when they name the same thread.
+    //
+    // Thread safety: a plain value; not locked.
+    // Lifetime: copyable; an ID outlives the thread it names.
+    // Errors: never throws.
     class KESTREL_API ID {
       public:
         ID() noexcept;

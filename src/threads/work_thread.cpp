@@ -95,7 +95,9 @@ void WorkThread::cleanup() {
 bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
     const auto deadline = detail::steadyTimePoint(deadlineNanoseconds);
     boost::unique_lock<boost::mutex> lock(*event._mutex);
-    while (!event._signalled) {
+    // A deadline that has passed never reaches the condition variable: the
+    // flag alone decides.
+    while (!event._signalled && detail::SteadyClock::now() < deadline) {
         if (event._condition->wait_until(lock, deadline) == boost::cv_status::timeout) {
             break;
         }

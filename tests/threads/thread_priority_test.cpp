@@ -1,4 +1,4 @@
-// Linux: the priority of a started thread is its nice value.
+// Linux: the priority of a started thread is its own nice value.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -20,24 +20,17 @@ int ownNice() {
 }
 
 // Reads its nice value once start() has returned, when the priority is set.
-class NiceProbe : public Thread {
-  public:
-    using Thread::Thread;
-    std::atomic<bool> started{false};
-    std::atomic<int> nice{100};
-
-  private:
-    bool run() override {
-        while (!started) {
-            Thread::sleep(0.0005);
-        }
-        nice = ownNice();
-        return true;
-    }
-};
-
 int niceAfterStart(Thread::ThreadPriority priority) {
-    NiceProbe probe(priority);
+    struct Probe : Thread {
+        using Thread::Thread;
+        std::atomic<bool> started{false};
+        std::atomic<int> nice{100};
+        bool run() override {
+            kestrel_test::waitFor([&] { return started.load(); });
+            nice = ownNice();
+            return true;
+        }
+    } probe(priority);
     EXPECT_TRUE(probe.start());
     probe.started = true;
     probe.join();
