@@ -35,7 +35,11 @@ namespace detail {
 class OpaqueMutex;
 
 // Holds an OpaqueMutex locked from construction to destruction; the lock that
-// a TLockingEnumerator carries. Movable, not copyable.
+// a TLockingEnumerator carries.
+//
+// Thread safety: belongs to the thread that made it (the mutex is recursive).
+// Lifetime: the mutex must outlive it; movable, not copyable.
+// Errors: never throws.
 class KESTREL_API OpaqueLock {
   public:
     // Locks mutex, waiting while another thread holds it.
