@@ -1,6 +1,7 @@
 // Umbrella header: everything the library offers.
 #pragma once
 
+#include "kestrel/events.h"
 #include "kestrel/exception.h"
 #include "kestrel/export.h"
 #include "kestrel/formatting.h"

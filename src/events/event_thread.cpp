@@ -1,0 +1,105 @@
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "events/opaque_mutex.h"
+#include "kestrel/events.h"
+
+namespace kestrel {
+
+// Wakes the event thread whenever its queue has events to process.
+class EventThread::EventQueueHandler : public EventQueue::IEventQueueHandler {
+  public:
+    explicit EventQueueHandler(Event* wakeEvent) : _wakeEvent(wakeEvent) { _wakeEvent->reset(); }
+    void notifyEventsToProcess(std::size_t /*eventCount*/) const override { _wakeEvent->signal(); }
+
+  private:
+    Event* _wakeEvent;
+};
+
+EventThread::EventThread(StopProcessingMode mode)
+    : WorkThread(Thread::NORMAL_PRIORITY),
+      _stopProcessingMode(mode),
+      _mutex(std::make_unique<detail::OpaqueMutex>()),
+      _wakeEvent(false, false) {}
+
+EventThread::~EventThread() {
+    WorkThread::stop();
+}
+
+bool EventThread::start() {
+    return WorkThread::start();
+}
+
+bool EventThread::stop() {
+    return WorkThread::stop();
+}
+
+bool EventThread::isRunning() const {
+    return WorkThread::isRunning();
+}
+
+void EventThread::postEvent(IEvent* const event, const IMatchEventFcn* const match,
+                            const IMergeEventInfoFcn* const merge) {
+    // Declared before the lock: a refused event is destroyed after unlocking.
+    std::unique_ptr<IEvent> owned(event);
+    detail::OpaqueGuard lock(_mutex->mutex);
+    if (owned && getState() == RUNNING && _eventQueue) {
+        _eventQueue->postEvent(owned.release(), match, merge);
+    }
+}
+
+void EventThread::flushEvents(const IMatchEventFcn& match) {
+    detail::OpaqueGuard lock(_mutex->mutex);
+    if (getState() == RUNNING && _eventQueue) {
+        _eventQueue->flushEvents(match, false);
+    }
+}
+
+void EventThread::starting() {
+    std::unique_ptr<EventQueue> previous;
+    detail::OpaqueGuard lock(_mutex->mutex);
+    // An empty processing-thread test makes this thread the queue's own.
+    auto queue =
+        std::make_unique<EventQueue>(new EventQueueHandler(&_wakeEvent), std::function<bool()>());
+    previous = std::exchange(_eventQueue, std::move(queue));
+}
+
+void EventThread::running() {
+    while (wait(_wakeEvent)) {
+        if (EventQueue* const queue = getEventQueue()) {
+            queue->processEvents();
+        }
+    }
+    if (_stopProcessingMode == PROCESS_PENDING_EVENTS) {
+        if (EventQueue* const queue = getEventQueue()) {
+            queue->processEvents();
+        }
+    }
+}
+
+void EventThread::stopping() {
+    detail::OpaqueGuard lock(_mutex->mutex);
+    _eventQueue.reset();
+}
+
+EventQueue* EventThread::getEventQueue() const {
+    detail::OpaqueGuard lock(_mutex->mutex);
+    return _eventQueue.get();
+}
+
+// ---- IEvent's posting to an event thread ----
+
+void IEvent::postOrCoalesceEvent(EventThread& thread, const IMatchEventFcn* match,
+                                 const IMergeEventInfoFcn* merge) {
+    std::unique_ptr<IEvent> self(this);
+    if (self->isExecutable()) {
+        thread.postEvent(self.release(), match, merge);
+    }
+}
+
+void IEvent::flushEvents(EventThread& thread, const IMatchEventFcn& match) {
+    thread.flushEvents(match);
+}
+
+}  // namespace kestrel
