@@ -21,7 +21,7 @@ namespace kestrel {
 //   changed or the object is destroyed.
 // Errors: never throws, except std::bad_alloc when a string cannot grow.
 class KESTREL_API KSException {
-public:
+  public:
     // Identifier := id (empty when null); message := the formatted text
     // (empty when format is null).
     KSException(const char* const id, const char* const format, ...)
@@ -63,7 +63,7 @@ public:
     const char* getID() const;
     const char* getMessage() const;
 
-private:
+  private:
     std::string _id;
     std::string _message;
 };

@@ -20,7 +20,7 @@ namespace kestrel {
 // Lifetime: value type, copyable.
 // Errors: never throws.
 class KESTREL_API Timestamp {
-public:
+  public:
     // The current time.
     Timestamp();
     // The given seconds.
@@ -66,7 +66,7 @@ public:
     Timestamp& operator+=(const double& d);
     Timestamp& operator-=(const double& d);
 
-private:
+  private:
     double _time;
 };
 
@@ -77,7 +77,7 @@ private:
 // Lifetime: not copyable.
 // Errors: never throws (except std::bad_alloc from the constructor).
 class KESTREL_API ElapsedTimer {
-public:
+  public:
     // Starts at once unless startNow is false.
     explicit ElapsedTimer(bool startNow = true);
     virtual ~ElapsedTimer();
@@ -89,10 +89,10 @@ public:
     // Seconds since the last start; exactly 0.0 if never started.
     double getElapsedTime() const;
 
-protected:
+  protected:
     bool isStarted() const;
 
-private:
+  private:
     struct StartInstant;
     std::unique_ptr<StartInstant> _start;
 };

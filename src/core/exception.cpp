@@ -73,8 +73,12 @@ void KSException::prependMessage(const char* const format, ...) {
     _message.insert(0, piece);
 }
 
-const char* KSException::getID() const { return _id.c_str(); }
+const char* KSException::getID() const {
+    return _id.c_str();
+}
 
-const char* KSException::getMessage() const { return _message.c_str(); }
+const char* KSException::getMessage() const {
+    return _message.c_str();
+}
 
 }  // namespace kestrel

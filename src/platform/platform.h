@@ -3,3 +3,7 @@
 // implementation folder per operating system (posix/, win32/) is chosen by
 // the build.
 #pragma once
+
+#include "platform/debug_output.h"
+#include "platform/dynamic_library.h"
+#include "platform/system_error.h"

@@ -31,7 +31,9 @@ ElapsedTimer::ElapsedTimer(bool startNow) : _start(std::make_unique<StartInstant
 
 ElapsedTimer::~ElapsedTimer() = default;
 
-void ElapsedTimer::start() { _start->nanoseconds = steadyNowNanoseconds(); }
+void ElapsedTimer::start() {
+    _start->nanoseconds = steadyNowNanoseconds();
+}
 
 double ElapsedTimer::getElapsedTime() const {
     if (!isStarted()) {

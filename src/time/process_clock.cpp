@@ -11,7 +11,9 @@ double processClockNow() {
     return boost::chrono::duration<double>(since).count();
 }
 
-double processClockSystemGranularity() { return 1e-7; }
+double processClockSystemGranularity() {
+    return 1e-7;
+}
 
 }  // namespace detail
 }  // namespace kestrel

@@ -13,9 +13,13 @@ Timestamp::Timestamp(const Timestamp& other) = default;
 Timestamp& Timestamp::operator=(const Timestamp& other) = default;
 Timestamp::~Timestamp() = default;
 
-void Timestamp::now() { _time = detail::processClockNow(); }
+void Timestamp::now() {
+    _time = detail::processClockNow();
+}
 
-double Timestamp::getTime() const { return _time; }
+double Timestamp::getTime() const {
+    return _time;
+}
 
 void Timestamp::getTimeVector(std::vector<double>& v) const {
     v.clear();
@@ -53,18 +57,38 @@ double Timestamp::getGranularity() {
     return b - a;
 }
 
-double Timestamp::getSystemClockGranularity() { return detail::processClockSystemGranularity(); }
+double Timestamp::getSystemClockGranularity() {
+    return detail::processClockSystemGranularity();
+}
 
-bool Timestamp::operator==(const Timestamp& other) const { return _time == other._time; }
-bool Timestamp::operator!=(const Timestamp& other) const { return !(*this == other); }
-bool Timestamp::operator<(const Timestamp& other) const { return _time < other._time; }
-bool Timestamp::operator<=(const Timestamp& other) const { return _time <= other._time; }
-bool Timestamp::operator>(const Timestamp& other) const { return _time > other._time; }
-bool Timestamp::operator>=(const Timestamp& other) const { return _time >= other._time; }
+bool Timestamp::operator==(const Timestamp& other) const {
+    return _time == other._time;
+}
+bool Timestamp::operator!=(const Timestamp& other) const {
+    return !(*this == other);
+}
+bool Timestamp::operator<(const Timestamp& other) const {
+    return _time < other._time;
+}
+bool Timestamp::operator<=(const Timestamp& other) const {
+    return _time <= other._time;
+}
+bool Timestamp::operator>(const Timestamp& other) const {
+    return _time > other._time;
+}
+bool Timestamp::operator>=(const Timestamp& other) const {
+    return _time >= other._time;
+}
 
-Timestamp Timestamp::operator+(const double& d) const { return Timestamp(_time + d); }
-Timestamp Timestamp::operator-(const double& d) const { return Timestamp(_time - d); }
-double Timestamp::operator-(const Timestamp& other) const { return _time - other._time; }
+Timestamp Timestamp::operator+(const double& d) const {
+    return Timestamp(_time + d);
+}
+Timestamp Timestamp::operator-(const double& d) const {
+    return Timestamp(_time - d);
+}
+double Timestamp::operator-(const Timestamp& other) const {
+    return _time - other._time;
+}
 
 Timestamp& Timestamp::operator+=(const double& d) {
     _time += d;
@@ -79,9 +103,13 @@ Timestamp& Timestamp::operator-=(const double& d) {
 namespace fcns {
 namespace time {
 
-double getCurrentTimestamp() { return detail::processClockNow(); }
+double getCurrentTimestamp() {
+    return detail::processClockNow();
+}
 
-void createTimeVector(double t, std::vector<double>& v) { Timestamp(t).getTimeVector(v); }
+void createTimeVector(double t, std::vector<double>& v) {
+    Timestamp(t).getTimeVector(v);
+}
 
 }  // namespace time
 }  // namespace fcns

@@ -26,8 +26,7 @@ constexpr double kSchedulingAllowance = 0.5;
 // last value. Use it instead of sleeping for a fixed time.
 template <typename Pred>
 bool waitFor(Pred pred, double timeout = 5.0) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
     while (!pred()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return pred();

@@ -6,7 +6,7 @@
 namespace {
 
 class ProbeTimer : public kestrel::ElapsedTimer {
-public:
+  public:
     using kestrel::ElapsedTimer::ElapsedTimer;
     using kestrel::ElapsedTimer::isStarted;
 };
