@@ -15,4 +15,4 @@ run(${CMAKE_COMMAND} --install "${KESTREL_BUILD_DIR}" --prefix "${prefix}")
 run(${CMAKE_COMMAND} -S "${CONSUMER_SOURCE_DIR}" -B "${build}"
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
 run(${CMAKE_COMMAND} --build "${build}")
-run("${build}/consumer")
+run("${build}/consumer" "${prefix}")
