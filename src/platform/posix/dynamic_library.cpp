@@ -4,6 +4,7 @@
 // there (read from the library's DT_NEEDED entries) are loaded first, from
 // there; the dynamic loader then finds them already loaded by their soname.
 #include <dlfcn.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -129,7 +130,19 @@ ModuleHandle LoadLibraryW(const wchar_t* fileName) {
         posix::setLastErrno(EINVAL);
         return nullptr;
     }
-    return openLibrary(nativePath(fileName));
+    const std::string path = nativePath(fileName);
+    ModuleHandle handle = openLibrary(path);
+    if (handle != nullptr || path.find('/') != std::string::npos) {
+        return handle;
+    }
+    // A bare name: after the system's search, the program's directory and the
+    // current directory, which the Windows search also covers.
+    for (const std::string& directory : {applicationDirectory(), std::string(".")}) {
+        if (::access((directory + "/" + path).c_str(), F_OK) == 0) {
+            return openLibrary(directory + "/" + path);
+        }
+    }
+    return nullptr;
 }
 
 ModuleHandle LoadLibraryExW(const wchar_t* fileName, void* reserved, std::uint32_t flags) {
@@ -188,6 +201,17 @@ void* GetProcAddress(ModuleHandle module, const char* name) {
     if (address == nullptr) {
         const char* text = ::dlerror();
         posix::setLastLoaderError(text != nullptr ? text : "symbol has a null address");
+        return nullptr;
+    }
+    // dlsym also searches the library's dependencies; only the library's own
+    // exports count, as on Windows.
+    Dl_info info{};
+    void* owner = nullptr;
+    link_map* self = nullptr;
+    if (::dladdr1(address, &info, &owner, RTLD_DL_LINKMAP) != 0 &&
+        ::dlinfo(module, RTLD_DI_LINKMAP, &self) == 0 && owner != self) {
+        posix::setLastLoaderError((std::string(name) + ": not exported by the library").c_str());
+        return nullptr;
     }
     return address;
 }

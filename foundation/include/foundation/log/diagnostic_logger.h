@@ -4,7 +4,8 @@
 // within the low 15 bits). A channel writes only the severities enabled in
 // its mask, and only while the Boost.Log core has logging enabled; where the
 // records end up is decided by the sinks the host (or a test) adds to the
-// Boost.Log core.
+// Boost.Log core (with no sink at all, Boost.Log's default sink prints them
+// to std::clog).
 //
 // Masks are kept per channel name, process-wide: every logger of a name
 // shares one mask, and set_severity_mask() may be called before or after the
