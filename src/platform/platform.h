@@ -4,5 +4,8 @@
 // the build.
 #pragma once
 
+#include "platform/debug_output.h"
+#include "platform/dynamic_library.h"
 #include "platform/local_time.h"
+#include "platform/system_error.h"
 #include "platform/thread_priority.h"

@@ -1,0 +1,67 @@
+// Diagnostic channels of the foundation: named Boost.Log sources that write
+// one record per line. Each record carries the attributes "Channel"
+// (std::string, the channel's name) and "Severity" (unsigned int, one bit
+// within the low 15 bits). A channel writes only the severities enabled in
+// its mask, and only while the Boost.Log core has logging enabled; where the
+// records end up is decided by the sinks the host (or a test) adds to the
+// Boost.Log core (with no sink at all, Boost.Log's default sink prints them
+// to std::clog).
+//
+// Masks are kept per channel name, process-wide: every logger of a name
+// shares one mask, and set_severity_mask() may be called before or after the
+// channel's loggers exist. A name that was never set starts with
+// default_severity_mask: the failure severities, 512 and above.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "fl/export.h"
+
+namespace foundation {
+namespace log {
+
+// Severity bits 512..16384: failures only.
+constexpr unsigned int default_severity_mask = 0x7E00u;
+
+// Sets the enabled-severity mask of the channel with this name.
+FL_API void set_severity_mask(const std::string& channel, unsigned int mask);
+// The enabled-severity mask of the channel with this name.
+FL_API unsigned int severity_mask(const std::string& channel);
+
+template <typename CharT>
+class basic_diagnostic_logger;
+
+// One named channel.
+//
+// Thread safety: any thread may write; the channel's lock is held only while
+//   a record is opened, never while its text is streamed or pushed.
+// Lifetime: usually a static object living as long as the library that owns
+//   it; records already pushed do not refer to it.
+// Errors: write() passes on exceptions of the Boost.Log core and of sinks.
+template <>
+class FL_API basic_diagnostic_logger<char> {
+  public:
+    explicit basic_diagnostic_logger(const std::string& channel);
+    ~basic_diagnostic_logger();
+    basic_diagnostic_logger(const basic_diagnostic_logger&) = delete;
+    basic_diagnostic_logger& operator=(const basic_diagnostic_logger&) = delete;
+
+    const std::string& channel() const;
+
+    // True when the mask has every bit of severity and the Boost.Log core
+    // has logging enabled. Check it before building an expensive line.
+    bool is_enabled(unsigned int severity) const;
+
+    // Writes one record with the line as its message, if is_enabled().
+    void write(unsigned int severity, const std::string& line);
+
+  private:
+    struct impl;
+    std::unique_ptr<impl> _impl;
+};
+
+using diagnostic_logger = basic_diagnostic_logger<char>;
+
+}  // namespace log
+}  // namespace foundation

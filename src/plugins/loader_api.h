@@ -1,0 +1,33 @@
+// The loader calls that plugin references make, gathered in one table so
+// that tests can watch the sequence or replace single calls (internal).
+#pragma once
+
+#include <cstdint>
+
+#include "kestrel/export.h"
+
+namespace kestrel {
+namespace detail {
+
+struct LoaderApi {
+    std::uint32_t (*setErrorMode)(std::uint32_t mode);
+    void* (*loadLibrary)(const wchar_t* fileName);
+    void* (*loadLibraryEx)(const wchar_t* fileName, void* reserved, std::uint32_t flags);
+    void* (*addDllDirectory)(const wchar_t* directory);
+    void* (*getProcAddress)(void* module, const char* name);
+    bool (*freeLibrary)(void* module);
+};
+
+// The operating system's calls (the platform layer).
+KESTREL_API const LoaderApi& systemLoaderApi();
+
+// The calls plugin references use now.
+const LoaderApi& loaderApi();
+
+// Makes every plugin reference use api (which must outlive its use) until
+// the next call; null restores the system's calls. Call it only while no
+// plugin is being loaded or freed.
+KESTREL_API void setLoaderApiForTesting(const LoaderApi* api);
+
+}  // namespace detail
+}  // namespace kestrel

@@ -1,0 +1,69 @@
+#include <fl/filesystem.h>
+#include <fl/i18n.h>
+
+#include "kestrel/plugins.h"
+
+namespace kestrel {
+
+namespace {
+
+// The path tokens callers write into plugin paths.
+const std::string installRootToken = "$QX_INSTALL_ROOT";
+const std::string architectureToken = "$QX_ARCH";
+
+// What "$QX_ARCH" stands for: the name of the 64-bit build's plugin folders.
+const char16_t* const architectureName = u"win64";
+
+void replaceFirst(ustring& text, const ustring& token, const ustring& replacement) {
+    const std::size_t position = text.find(token);
+    if (position != ustring::npos) {
+        text.replace(position, token.size(), replacement);
+    }
+}
+
+}  // namespace
+
+PluginLoader::PluginLoader(const std::string& pluginPath, const std::string& pluginEntryPoint,
+                           bool unloadOnDestruction, const ustring& libraryLoadSearchPath) {
+    load(fl::i18n::to_ustring(pluginPath), pluginEntryPoint, unloadOnDestruction,
+         libraryLoadSearchPath);
+}
+
+PluginLoader::PluginLoader(const ustring& pluginPath, const std::string& pluginEntryPoint,
+                           bool unloadOnDestruction, const ustring& libraryLoadSearchPath) {
+    load(pluginPath, pluginEntryPoint, unloadOnDestruction, libraryLoadSearchPath);
+}
+
+PluginLoader::~PluginLoader() = default;
+
+void* PluginLoader::getEntryPointFcn() const {
+    return _pluginReference->getEntryPointFcn();
+}
+
+void PluginLoader::load(const ustring& pluginPath, const std::string& pluginEntryPoint,
+                        bool unloadOnDestruction, const ustring& libraryLoadSearchPath) {
+    const UnsignedPluginFactory factory;
+    _pluginReference = factory.loadPlugin(pluginPath, pluginEntryPoint, unloadOnDestruction,
+                                          libraryLoadSearchPath);
+}
+
+ustring PluginLoader::preProcessPath(const ustring& path, const ustring& pathSeparator) {
+    const ustring installRoot = fl::filesystem::get_install_path();
+    ustring result = path;
+    replaceFirst(result, fl::i18n::to_ustring(installRootToken), installRoot);
+    replaceFirst(result, fl::i18n::to_ustring(architectureToken), architectureName);
+
+    if (!pathSeparator.empty() && pathSeparator != u"\\") {
+        for (std::size_t position = result.find(pathSeparator); position != ustring::npos;
+             position = result.find(pathSeparator, position + 1)) {
+            result.replace(position, pathSeparator.size(), u"\\");
+        }
+    }
+    const std::size_t dot = result.rfind(u'.');
+    if (dot != ustring::npos) {
+        result.erase(dot);
+    }
+    return result;
+}
+
+}  // namespace kestrel
