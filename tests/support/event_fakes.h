@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -12,132 +12,79 @@
 
 namespace kestrel_test {
 
+// kWrong: executed twice, or executed although replaced.
+enum Fate { kExecuted, kReplaced, kFlushed, kRefused, kDiscarded, kWrong, kFates };
+
+// Counts created events and their fates, and keeps the keys of the events
+// executed and the counts that the handler was told, in order (the latest 64).
 struct Ledger {
-    std::atomic<int> created{0}, destroyed{0}, errors{0}, executed{0}, replaced{0}, flushed{0},
-        refused{0}, discarded{0}, infos{0}, infosDestroyed{0}, merges{0}, handlersDestroyed{0};
-    std::atomic<bool> notified{false};
-    std::mutex mutex;
-    std::vector<int> trace;           // keys in execution order; guarded by mutex
-    std::vector<std::size_t> counts;  // handler notifications; guarded by mutex
+    std::atomic<int> created{0}, fates[kFates]{}, handlers{0}, executed{0}, keys[64]{};
+    std::atomic<int> notified{0}, counts[64]{};
+    kestrel::EventInfoLog* log = nullptr;  // where events leave their records, if anywhere
+    int destroyed() const { return std::accumulate(std::begin(fates), std::end(fates), 0); }
+    std::vector<int> trace() const { return std::vector<int>(keys, keys + executed); }
+    std::vector<int> told() const { return std::vector<int>(counts, counts + notified); }
 };
 
-class Info : public kestrel::IEventInfo {
-  public:
-    Info(Ledger& ledger, bool loggable, int initial = 1)
-        : IEventInfo("test", loggable), value(initial), _ledger(ledger) {
-        ++_ledger.infos;
-    }
+struct Info : kestrel::IEventInfo {
+    static inline std::atomic<int> alive{0};  // records not yet destroyed
+    explicit Info(bool loggable, int v = 1) : IEventInfo("test", loggable), value(v) { ++alive; }
+    ~Info() override { --alive; }
     int value;
-
-  protected:
-    ~Info() override { ++_ledger.infosDestroyed; }
-
-  private:
-    Ledger& _ledger;
 };
 
-class TestEvent : public kestrel::IEvent {
-  public:
-    TestEvent(Ledger& ledger, int eventKey, kestrel::IEventInfo* info = nullptr,
-              kestrel::EventInfoLog* log = nullptr)
-        : IEvent(info), key(eventKey), _ledger(ledger), _log(log) {
-        ++_ledger.created;
+struct TestEvent : kestrel::IEvent {
+    TestEvent(Ledger& l, int k, kestrel::IEventInfo* i = nullptr) : IEvent(i), ledger(l), key(k) {
+        ++ledger.created;
     }
-    ~TestEvent() override {
-        const int runs = executions;
-        _ledger.errors += runs > 1 || (runs == 1 && replaced) ? 1 : 0;
-        const bool here = std::this_thread::get_id() == _creator;  // destroyed by the post itself
-        ++(runs == 1  ? _ledger.executed
-           : replaced ? _ledger.replaced
-           : flushed  ? _ledger.flushed
-           : here     ? _ledger.refused
-                      : _ledger.discarded);
-        if (_log != nullptr) {
-            _log->append(getEventInfo());
-        }
-        ++_ledger.destroyed;
+    ~TestEvent() override {  // an event that no one marked was destroyed by its post, or dropped
+        const bool here = std::this_thread::get_id() == creator;
+        ++ledger.fates[mark != kDiscarded ? mark : here ? kRefused : kDiscarded];
+        if (ledger.log != nullptr)
+            ledger.log->append(getEventInfo());
     }
     bool isExecutable() const override { return executable; }
-    using IEvent::postOrCoalesceEvent;
-    using IEvent::serviceOrCoalesceEvent;
-
-    const int key;
-    bool executable = true;
-    bool replaced = false;  // set by the match that picks it, under the queue's lock
-    bool flushed = false;
-    std::atomic<int> executions{0};
-    std::function<bool()> onExecute;  // execute()'s result; may throw
-
-  protected:
     bool execute() override {
-        ++executions;
-        std::unique_lock<std::mutex> lock(_ledger.mutex);
-        _ledger.trace.push_back(key);
-        lock.unlock();
+        mark = mark == kDiscarded || mark == kFlushed ? kExecuted : kWrong;
+        ledger.keys[ledger.executed++ % 64] = key;
         return onExecute ? onExecute() : true;
     }
+    using IEvent::postOrCoalesceEvent, IEvent::serviceOrCoalesceEvent;
 
-  private:
-    Ledger& _ledger;
-    kestrel::EventInfoLog* _log;
-    const std::thread::id _creator = std::this_thread::get_id();
+    Ledger& ledger;
+    const int key;
+    const std::thread::id creator = std::this_thread::get_id();
+    bool executable = true;
+    Fate mark = kDiscarded;  // set by the match that picks it, under the queue's lock, or here
+    std::function<bool()> onExecute;  // execute()'s result; may throw
 };
 
-// Accepts the events with the key (any key when key < 0) and marks them
-// replaced or flushed; throws on its throwOnCall-th call.
-class KeyMatch : public kestrel::IMatchEventFcn {
-  public:
-    explicit KeyMatch(int key, bool flush = false, int throwOnCall = 0)
-        : _key(key), _flush(flush), _throwOnCall(throwOnCall) {}
+// Accepts the events with the key (any key when it is negative) and marks them.
+struct KeyMatch : kestrel::IMatchEventFcn {
+    explicit KeyMatch(int k, Fate f = kReplaced) : key(k), fate(f) {}
     bool operator()(kestrel::IEvent* event) const override {
         auto* e = static_cast<TestEvent*>(event);
-        if (++_calls == _throwOnCall) {
-            throw 42;
-        }
-        if (_key >= 0 && e->key != _key) {
-            return false;
-        }
-        (_flush ? e->flushed : e->replaced) = true;
-        return true;
+        e->mark = key < 0 || e->key == key ? fate : e->mark;
+        return e->mark == fate;  // queued events are unmarked
     }
-
-  private:
-    int _key;
-    bool _flush;
-    int _throwOnCall;
-    mutable int _calls = 0;
+    const int key;
+    const Fate fate;
 };
 
-// Adds the queued record's value to the new one's.
-class SumMerge : public kestrel::IMergeEventInfoFcn {
-  public:
-    explicit SumMerge(Ledger& ledger, bool throwing = false)
-        : _ledger(ledger), _throwing(throwing) {}
+// Adds the queued record's value to the new one's (and fails on a missing one).
+struct SumMerge : kestrel::IMergeEventInfoFcn {
     void operator()(kestrel::IEventInfo* newInfo, kestrel::IEventInfo* queuedInfo) const override {
-        ++_ledger.merges;
-        if (_throwing) {
-            throw 42;
-        }
         static_cast<Info*>(newInfo)->value += static_cast<Info*>(queuedInfo)->value;
     }
-
-  private:
-    Ledger& _ledger;
-    bool _throwing;
 };
 
-class Handler : public kestrel::EventQueue::IEventQueueHandler {
-  public:
-    explicit Handler(Ledger& ledger) : _ledger(ledger) {}
-    ~Handler() override { ++_ledger.handlersDestroyed; }
-    void notifyEventsToProcess(std::size_t eventCount) const override {
-        std::lock_guard<std::mutex> lock(_ledger.mutex);
-        _ledger.counts.push_back(eventCount);
-        _ledger.notified = true;
+struct Handler : kestrel::EventQueue::IEventQueueHandler {
+    explicit Handler(Ledger& l) : ledger(l) {}
+    ~Handler() override { ++ledger.handlers; }
+    void notifyEventsToProcess(std::size_t count) const override {
+        ledger.counts[ledger.notified++ % 64] = static_cast<int>(count);
     }
-
-  private:
-    Ledger& _ledger;
+    Ledger& ledger;
 };
 
 }  // namespace kestrel_test

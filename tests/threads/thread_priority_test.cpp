@@ -1,50 +1,41 @@
 // Linux: the priority of a started thread is its own nice value.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
 #include "kestrel/threads.h"
 #include "support/timing.h"
 
-namespace {
-
 using kestrel::Thread;
 
-int ownNice() {
-    return getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)));
-}
+// Runs once per start; records the nice value that it has once start() has returned.
+struct PriorityProbe : Thread {
+    using Thread::Thread;
+    static int ownNice() { return getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())); }
+    std::atomic<int> runs{0}, started{0}, nice{100};
+    bool run() override {
+        ++runs;
+        kestrel_test::waitFor([&] { return started == 1; });
+        nice = ownNice();
+        throw 42;  // stays on this thread
+    }
+};
 
-// Reads its nice value once start() has returned, when the priority is set.
-int niceAfterStart(Thread::ThreadPriority priority) {
-    struct Probe : Thread {
-        using Thread::Thread;
-        std::atomic<bool> started{false};
-        std::atomic<int> nice{100};
-        bool run() override {
-            kestrel_test::waitFor([&] { return started.load(); });
-            nice = ownNice();
-            return true;
-        }
-    } probe(priority);
-    EXPECT_TRUE(probe.start());
-    probe.started = true;
-    probe.join();
-    return probe.nice;
-}
-
-TEST(ThreadPriorityTest, ShiftsTheNiceValueOfTheStartedThreadByTwo) {
-    const int created = ownNice();  // new threads inherit it
+TEST(ThreadTest, StartsOnceAtItsPriorityWhichShiftsTheNiceValueByTwo) {
+    const int created = PriorityProbe::ownNice();  // new threads inherit it
     bool mayRaise = false;
     std::thread([&] { mayRaise = setpriority(PRIO_PROCESS, 0, created - 2) == 0; }).join();
-    EXPECT_EQ(niceAfterStart(Thread::LOW_PRIORITY), std::min(created + 2, 19));
-    EXPECT_EQ(niceAfterStart(Thread::HIGH_PRIORITY), mayRaise ? created - 2 : created);
-    EXPECT_EQ(niceAfterStart(Thread::NORMAL_PRIORITY), created);
-    EXPECT_EQ(niceAfterStart(static_cast<Thread::ThreadPriority>(7)), created);
+    const int low = created < 17 ? created + 2 : 19, high = mayRaise ? created - 2 : created;
+    // Pairs of priority and nice value: low, high, normal, and any other value as normal.
+    const int expected[][2] = {{0, low}, {2, high}, {1, created}, {7, created}};
+    for (const auto& [priority, nice] : expected) {
+        PriorityProbe probe(static_cast<Thread::ThreadPriority>(priority));
+        EXPECT_TRUE(probe.start() && probe.start());  // the second start does nothing
+        probe.started = 1;
+        probe.join();
+        EXPECT_TRUE(probe.runs == 1 && !probe.isActive() && probe.nice == nice) << priority;
+    }
 }
-
-}  // namespace

@@ -1,209 +1,145 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
+#include <cmath>
 #include <functional>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "kestrel/threads.h"
 #include "support/timing.h"
 
-namespace {
+using namespace kestrel;
+using namespace kestrel_test;
 
-using kestrel::Event;
-using kestrel::Thread;
-using kestrel::WorkThread;
-using kestrel_test::waitFor;
-using Clock = std::chrono::steady_clock;
-
-double since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
+TEST(EventTest, ManualResetSignalReleasesEveryWaiter) {
+    Event event(true);
+    std::thread a([&] { event.wait(); }), b([&] { event.wait(); });
+    Thread::sleep(0.02);  // lets both block, most of the time
+    event.signal();
+    a.join();  // a lost wake-up hangs here
+    b.join();
 }
 
-class BlockingThread : public Thread {
-  public:
-    using Thread::getID;
-    std::atomic<int> runs{0};
-    std::atomic<bool> release{false}, finished{false};
-    ID seenID;  // written before runs is incremented
+enum Hook { kStarting, kRunning, kStopping };
 
-  private:
-    bool run() override {
-        seenID = getCurrentID();
-        ++runs;
-        waitFor([&] { return release.load(); });
-        finished = true;
-        throw std::runtime_error("stays on this thread");
-    }
-};
-
-TEST(ThreadTest, StartRunsOnceUntilJoinAndAgainAfterIt) {
-    BlockingThread thread;
-    thread.join();  // never started
-    for (int round = 1; round <= 2; ++round) {
-        thread.release = false;
-        ASSERT_TRUE(thread.start());
-        EXPECT_TRUE(thread.start());
-        ASSERT_TRUE(waitFor([&] { return thread.runs == round; }));
-        EXPECT_EQ(thread.getID(), thread.seenID);
-        thread.release = true;
-        ASSERT_TRUE(waitFor([&] { return thread.finished.exchange(false); }));
-        EXPECT_TRUE(thread.isActive());  // until join(), also after run() raised
-        thread.join();
-        EXPECT_FALSE(thread.isActive());
-        EXPECT_EQ(thread.getID(), Thread::ID());
-    }
-    thread.join();
-    EXPECT_EQ(thread.runs, 2);
-}
-
-TEST(ThreadTest, SleepRoundsToMicrosecondsAndSkipsNonPositiveDurations) {
-    auto start = Clock::now();
-    for (const double seconds : {-1.0, 0.0, 4e-7}) {
-        Thread::sleep(seconds);
-    }
-    EXPECT_LT(since(start), kestrel_test::kSchedulingAllowance);
-    start = Clock::now();
-    Thread::sleep(0.02);
-    EXPECT_GE(since(start), 0.02);
-}
-
-TEST(EventTest, SignalReleasesOneWaiterWhenAutoResetAndAllWhenManualReset) {
-    for (const bool manual : {false, true}) {
-        Event event(manual, true);
-        event.wait();  // starts set
-        event.reset();
-        std::atomic<int> released{0};
-        std::vector<std::thread> waiters;
-        for (int i = 0; i < 3; ++i) {
-            waiters.emplace_back([&] {
-                event.wait();
-                ++released;
-            });
-        }
-        Thread::sleep(0.02);  // lets the waiters block
-        event.signal();
-        const int expected = manual ? 3 : 1;
-        EXPECT_TRUE(waitFor([&] { return released == expected; }));
-        Thread::sleep(0.05);
-        EXPECT_EQ(released, expected) << manual;
-        while (released < 3) {
-            event.signal();
-            Thread::sleep(0.001);
-        }
-        for (auto& waiter : waiters) {
-            waiter.join();
-        }
-    }
-}
-
-// Counts its hook calls and runs what the test sets while it is stopped.
+// Counts the calls of its hooks, and their ends, and runs the hooks that the
+// test sets while it is stopped.
 class Probe : public WorkThread {
   public:
-    using WorkThread::getState;
     using WorkThread::isStopping;
     using WorkThread::wait;
-    std::function<void(Probe&)> onStarting, onRunning, onStopping;
-    std::atomic<int> starts{0}, passes{0}, stops{0};
-    std::atomic<bool> ready{false};
-    std::vector<bool> results;  // written by the work thread, read after stop()
+    std::function<void(Probe&)> hooks[3] = {skip, skip, skip};
+    std::atomic<int> calls[3]{}, ends[3]{};
     ~Probe() override { stop(); }
 
-    void awaitStopRequest() {
-        ready = true;
-        waitFor([&] { return isStopping(); });
-    }
-
   private:
-    using Hook = std::function<void(Probe&)>;
-    void call(std::atomic<int>& count, const Hook& hook) {
-        ++count;
-        if (hook)
-            hook(*this);
+    static void skip(Probe&) {}
+    void call(Hook hook) {
+        ++calls[hook];
+        hooks[hook](*this);
+        ++ends[hook];
     }
-    void starting() override { call(starts, onStarting); }
-    void running() override { call(passes, onRunning); }
-    void stopping() override { call(stops, onStopping); }
+    void starting() override { call(kStarting); }
+    void running() override { call(kRunning); }
+    void stopping() override { call(kStopping); }
 };
 
-TEST(WorkThreadTest, HooksRunInOrderAroundStartAndStop) {
+TEST(WorkThreadTest, StartWaitsForStartingAndStopForStoppingAndBothRepeat) {
     Probe probe;
     EXPECT_TRUE(probe.stop());  // never started
-    probe.onStarting = [](Probe&) { Thread::sleep(0.05); };
-    probe.onStopping = [](Probe& self) { EXPECT_TRUE(self.isStopping()); };
+    probe.hooks[kStarting] = probe.hooks[kStopping] = [](Probe&) { Thread::sleep(0.02); };
     for (int round = 1; round <= 2; ++round) {
-        ASSERT_TRUE(probe.start());
-        EXPECT_EQ(probe.starts, round);  // start() waited for starting()
-        EXPECT_TRUE(probe.start() && probe.isRunning());
-        const int passes = probe.passes;
-        ASSERT_TRUE(waitFor([&] { return probe.passes >= passes + 3; }));
-        EXPECT_EQ(probe.stops, round - 1);
-        EXPECT_TRUE(probe.stop());
-        EXPECT_EQ(probe.stops, round);  // stop() waited for stopping()
-        EXPECT_EQ(probe.getState(), WorkThread::STOPPED);
+        probe.calls[kRunning] = 0;
+        ASSERT_TRUE(probe.start() && probe.start());
+        EXPECT_EQ(probe.ends[kStarting], round);  // start() waited for starting(), run once
+        ASSERT_TRUE(waitFor([&] { return probe.calls[kRunning] >= 3; }));
+        EXPECT_EQ(probe.calls[kStopping], round - 1);
+        EXPECT_TRUE(probe.stop() && !probe.isActive());
+        EXPECT_EQ(probe.ends[kStopping], round);  // stop() waited for stopping()
     }
-    EXPECT_EQ(probe.starts, 2);
 }
 
-TEST(WorkThreadTest, WaitsReturnFalseOnlyForAStopRequest) {
+TEST(WorkThreadTest, WaitsAreFalseOnlyForAStopRequestWhichTheyConsume) {
     Probe probe;
-    Event event;
-    const auto pass = [&](std::function<void(Probe&)> script) {
-        probe.results.clear();
-        probe.ready = false;
-        probe.onRunning = std::move(script);
-        EXPECT_TRUE(probe.start());
-        EXPECT_TRUE(waitFor([&] { return probe.ready.load(); }));
-        probe.stop();
-        return probe.results;
+    Event event, manual(true, true);
+    std::vector<bool> r;  // written on the work thread, read after stop()
+    probe.hooks[kRunning] = [&](Probe& self) {
+        waitFor([&] { return self.isStopping(); });
+        event.signal();
+        // The event is tested before the stop; then, as it resets itself, only the stop
+        // ends a wait, which consumes it, so that no stop is pending any more.
+        r = {self.wait(event), !self.wait(event), self.wait(0.0),
+             self.wait(-1.0),  self.wait(manual), self.wait(manual)};
     };
-    EXPECT_EQ(pass([](Probe& self) {
-                  self.results = {self.wait(0.0), self.wait(-1.0)};
-                  const auto start = Clock::now();
-                  self.results.push_back(self.wait(0.02) && since(start) >= 0.02);
-                  self.awaitStopRequest();
-                  self.results.push_back(self.wait(0.0));   // takes the stop
-                  self.results.push_back(self.wait(-1.0));  // nothing pending any more
-              }),
-              (std::vector<bool>{true, true, true, false, true}));
-    EXPECT_EQ(pass([&](Probe& self) {
-                  std::thread signaller([&] {
-                      Thread::sleep(0.02);
-                      event.signal();
-                  });
-                  self.results.push_back(self.wait(event));
-                  signaller.join();
-                  event.signal();
-                  self.awaitStopRequest();
-                  self.results.push_back(self.wait(event));  // the event wins over the stop
-                  self.results.push_back(self.wait(event));
-              }),
-              (std::vector<bool>{true, true, false}));
-    EXPECT_EQ(pass([](Probe& self) {
-                  self.ready = true;
-                  self.results.push_back(self.wait(Thread::INFINITE_SECONDS) || !self.isStopping());
-              }),
-              std::vector<bool>{false});
+    ASSERT_TRUE(probe.start());
+    probe.stop();
+    EXPECT_EQ(r, std::vector<bool>(6, true));
+    r.clear();
+    probe.hooks[kRunning] = [&](Probe& self) { r.push_back(self.wait(Thread::INFINITE_SECONDS)); };
+    ASSERT_TRUE(probe.start());
+    probe.stop();
+    EXPECT_EQ(r, std::vector<bool>{false});  // one wait, ended by the stop
 }
 
 TEST(WorkThreadTest, HookExceptionsAreSwallowedAndLeaveTheStateToStop) {
     Probe probe;
-    probe.onStarting = [](Probe&) { throw std::runtime_error("starting failed"); };
-    ASSERT_TRUE(probe.start());
-    EXPECT_TRUE(probe.isRunning());
-    EXPECT_TRUE(waitFor([&] { return probe.passes > 0; }));
-    probe.stop();
-    probe.onStarting = nullptr;
-    probe.onRunning = [](Probe&) { throw std::runtime_error("running failed"); };
-    probe.onStopping = [](Probe&) { throw 42; };
-    ASSERT_TRUE(probe.start());
-    ASSERT_TRUE(waitFor([&] { return probe.stops == 2; }));
-    EXPECT_TRUE(probe.isRunning() && probe.start());  // still RUNNING: start() does nothing
-    EXPECT_EQ(probe.starts, 2);
-    EXPECT_TRUE(probe.stop());
-    EXPECT_FALSE(probe.isActive());
+    probe.hooks[kRunning] = [](Probe&) { throw 1; };
+    probe.hooks[kStopping] = [](Probe&) { throw 2; };
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_TRUE(probe.start());
+        // The thread ends after stopping() but stays RUNNING: start() does nothing.
+        ASSERT_TRUE(waitFor([&] { return probe.calls[kStopping] == round; }));
+        EXPECT_TRUE(probe.isRunning() && probe.start());
+        EXPECT_EQ(probe.calls[kStarting] + probe.calls[kRunning], 2 * round);
+        EXPECT_TRUE(probe.stop() && !probe.isActive());
+        probe.hooks[kStarting] = [](Probe&) { throw 3; };  // running() follows all the same
+    }
 }
 
-}  // namespace
+// Records each execution; the second overruns a period of 0.05 s by 2.5 periods.
+class Ticker : public TimerThread {
+  public:
+    struct Run {
+        double scheduled, began, ended, period;
+    };
+    using TimerThread::TimerThread;
+    std::vector<Run> runs;  // read after stop()
+    ~Ticker() override { stop(); }
+
+  private:
+    void executing() override {
+        runs.push_back({getExecutionTime().getTime(), Timestamp().getTime(), 0.0, getPeriod()});
+        Thread::sleep(runs.size() == 2 ? 0.125 : 0.0);
+        runs.back().ended = Timestamp().getTime();
+    }
+};
+
+TEST(TimerThreadTest, KeepsItsScheduleAndCountThroughAnOverrunAndAPeriodChange) {
+    for (const bool delay : {false, true}) {  // 7 schedules as FIXED_RATE; NaN leaves 1 s
+        Ticker timer(delay ? TimerThread::FIXED_DELAY : TimerThread::ExecutionMode{7}, NAN);
+        EXPECT_EQ(timer.getPeriod(), 1.0);
+        timer.setPeriod(0.05);  // stopped: only stores the period
+        ASSERT_TRUE(timer.start());
+        ASSERT_TRUE(waitFor([&] { return timer.getExecutions() >= 6; }));
+        const Timestamp started = timer.getStartTime();
+        timer.setPeriod(0.08);  // restarts the thread
+        ASSERT_TRUE(waitFor([&] { return timer.getExecutions() >= 9; }));
+        timer.setPeriod(30.0);  // restarts it again: the stop comes during the wait
+        const double stopBegan = Timestamp().getTime();
+        timer.stop();
+        EXPECT_LT(Timestamp().getTime() - stopBegan, kSchedulingAllowance);
+        EXPECT_EQ(timer.getStartTime(), started);
+        // No execution at the stop, none lost to a restart.
+        ASSERT_EQ(static_cast<std::size_t>(timer.getExecutions()), timer.runs.size());
+        double previous = started.getTime();
+        for (const auto& run : timer.runs) {  // none early; at the rate, none skipped
+            EXPECT_GE(run.began, run.scheduled);
+            const double gap = run.scheduled - previous;
+            EXPECT_TRUE(gap > run.period - 1e-6 && (delay || gap < run.period + 1e-6)) << gap;
+            previous = delay ? run.ended : run.scheduled;
+        }
+        ASSERT_TRUE(timer.start());  // a fresh start
+        EXPECT_TRUE(timer.getExecutions() == 0 && timer.getStartTime() > started);
+    }
+}

@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+#include <strings.h>
+
+#include <string>
+
+#include "kestrel/formatting.h"
+#include "kestrel/strings.h"
+#include "support/fake_clock.h"
+
+using namespace kestrel;  // the operators take std::string: callers bring them into scope
+
+TEST(StringsTest, AppendsNumberAndTruthTextsAsAClassicStream) {
+    std::string s = "n=";
+    (((s += short{-5}) += ' ') += 0) += -1234567890123L;  // std::string's own += still applies
+    EXPECT_EQ(s + true + false, "n=-5 0-1234567890123truefalse");
+    EXPECT_EQ(std::string() + 0.1 + " " + 1.0 / 3.0 + " " + 100.0 + " " + 1e20 + " " + 1e16 + " " +
+                  0.0001 + " " + 1e-5 + " " + 2.5 + " " + -0.0,
+              "0.1 0.3333333333333333 100 1e+20 1e+16 0.0001 1e-05 2.5 -0");
+}
+
+TEST(StringsTest, CaselessComparisonIsStrcasecmpAndCaseHelpersKeepOtherBytes) {
+    EXPECT_EQ(caselessCompare(std::string("ab\0x", 4), std::string("AB\0y", 4)), 0);
+    EXPECT_TRUE(caselessIsLessThan("A_", "aa"));  // the underscore sorts before the letters
+    EXPECT_FALSE(caselessIsLessThan("abc", "ABC") || caselessIsLessThan("ABC", "abc"));
+    for (int ab = 1; ab < 256 * 256; ++ab) {  // every pair of texts of up to one byte
+        const char a[] = {static_cast<char>(ab / 256), 0}, b[] = {static_cast<char>(ab % 256), 0};
+        const int want = strcasecmp(a, b), got = caselessCompare(a, b);
+        ASSERT_EQ((got > 0) - (got < 0), (want > 0) - (want < 0)) << ab;
+    }
+    EXPECT_EQ(toUpper("a1-b_c! \xe9"), "A1-B_C! \xe9");
+    EXPECT_EQ(toLower("MiXeD 42."), "mixed 42.");
+    std::string s = "hello";
+    EXPECT_FALSE(truncate(s, 5) || truncate(s, 10));
+    EXPECT_TRUE(truncate(s, 3) && s == "hel" && truncate(s, 0) && s.empty());
+}
+
+static std::string format(const char* text, const char* indent, bool period = false,
+                          bool newline = false) {
+    std::string result = "previous";
+    fcns::formatText(result, text, indent, period, newline);
+    return result;
+}
+
+TEST(FormatTextTest, TrimsIndentsAndEndsWithOnePeriodAndNewline) {
+    EXPECT_EQ(format(nullptr, "> ", true, true), "previous");
+    EXPECT_EQ(format("\n\tabc\r\n", nullptr), "abc");
+    EXPECT_EQ(format(" abc ", ""), " abc ");
+    EXPECT_EQ(format("\t\xc3\xa9t\xc3\xa9\n", nullptr), "\xc3\xa9t\xc3\xa9");  // UTF-8 kept
+    EXPECT_EQ(format("first\nsecond", "Note: "), "Note: first\n      second");
+    EXPECT_EQ(format("a\n\nb\r\n", "> "), "> a\n  \n  b");
+    EXPECT_EQ(format("done.\n", nullptr, true), "done.");
+    EXPECT_EQ(format("\t", "\t", true), ".");
+    EXPECT_EQ(format("x\n\n", "- ", true, true), "- x.\n");
+}
+
+TEST(IdentifierTest, SeriesStartAtOneAndAtTheCurrentSecond) {
+    // No other test of this program draws identifiers: these are its first.
+    EXPECT_EQ(fcns::getSequentialID(), 1);
+    EXPECT_EQ(fcns::getSequentialID(), 2);
+    kestrel_test::FakeClock clock(1234567890.5);
+    EXPECT_EQ(fcns::getUniqueID(), 1234567890);
+    clock.advance(100.0);
+    EXPECT_EQ(fcns::getUniqueID(), 1234567891);
+}

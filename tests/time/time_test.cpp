@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+
+#include "kestrel/time.h"
+#include "support/fake_clock.h"
+#include "support/timing.h"
+
+using namespace kestrel;
+using namespace kestrel_test;
+
+// Runs the process clock on the fake, to 0.01 s (the effects checked are
+// seconds to hours). x is stopwatch seconds since the calibration done by
+// the fixture's first reading.
+class ProcessClockTest : public ::testing::TestWithParam<std::tuple<double, double>> {
+  protected:
+    // Moves both clocks on to stopwatch second x in steps, the wall clock
+    // running faster by the fraction drift, and reads the time after each
+    // step; returns the last reading.
+    double runTo(double x, double step = 1.0, double drift = 0.0) {
+        for (; _x < x; _x += step) {
+            _clock.advance(step, step * drift);
+            _last = Timestamp().getTime();
+        }
+        return _last;
+    }
+
+    FakeClock _clock;
+    const double _base = Timestamp().getTime();
+    double _x = 0.0, _last = _base;
+};
+
+TEST_F(ProcessClockTest, SteadyRateReadingsAreMonotonicAndFollowTheWallClock) {
+    EXPECT_NEAR(Timestamp::getSystemClockGranularity(), 0.001, 1e-6);
+    // Through tracking, sampling, blending and tracking again.
+    for (double x = 0.25, previous = _last; x <= 700.0; x += 0.25, previous = _last) {
+        ASSERT_GE(runTo(x, 0.25), previous) << "at x=" << x;
+        ASSERT_NEAR(_last, _clock.wallSeconds(), 0.01) << "at x=" << x;
+    }
+}
+
+TEST_P(ProcessClockTest, WallClockSetIsBlendedInOverSixtySecondsThenRecalibrated) {
+    const auto [setAt, jump] = GetParam();
+    runTo(setAt);
+    _clock.advance(0.0, jump);
+    const double seen = (setAt < 300.0 ? 300.0 : setAt) + 1.0;  // no jump check before 300 s
+    EXPECT_NEAR(runTo(seen), _base + seen, 0.01);               // no step at once
+    EXPECT_NEAR(runTo(seen + 30.0), _base + seen + 30.0 + jump / 2.0, 0.01);  // halfway
+    runTo(seen + 61.0);
+    EXPECT_NEAR(_last, _clock.wallSeconds(), 0.01);  // caught up
+    runTo(seen + 62.0);
+    EXPECT_EQ(_last, _clock.wallSeconds());  // recalibrated from the wall clock
+}
+
+INSTANTIATE_TEST_SUITE_P(LateAndEarlyForwardAndBack, ProcessClockTest,
+                         ::testing::Combine(::testing::Values(500.0, 100.0),
+                                            ::testing::Values(3600.0, -3600.0)));
+
+TEST_F(ProcessClockTest, SmallDriftIsAbsorbedThroughTheSamplingMean) {
+    // A reading every 10 s with the wall clock 0.5 % fast: after 60 s of
+    // sampling there are only 29 samples, so it still samples, and the
+    // drift, 3 s by now, started no blend of its own.
+    EXPECT_NEAR(runTo(600.0, 10.0, 0.005), _base + 600.0, 0.01);
+    EXPECT_EQ(detail::getProcessClockStateForTesting(), 2);
+    runTo(700.0, 10.0, 0.005);  // the 30th sample at 610, the blend, then tracking
+    EXPECT_NEAR(_last, _clock.wallSeconds(), 0.01);
+}
+
+TEST(TimestampTest, NothingComparesTrueWithNaNAndEquivalenceIsStrict) {
+    const Timestamp nan(std::nan("")), t = Timestamp(5.0) - 3.0;
+    EXPECT_FALSE(nan == nan || nan < t || nan <= t || nan > t || t >= nan || t.isEquivalent(t, 0));
+    EXPECT_TRUE(nan != nan && t.isEquivalent(2.0005, 0.001) && !t.isEquivalent(2.002, 0.001));
+}
+
+TEST(TimestampTest, TimeVectorIsLocalCalendarTime) {
+    std::vector<double> v;
+    setenv("TZ", "XYZ-2", 1);  // two hours ahead of UTC
+    fcns::time::createTimeVector(1.5, v);
+    EXPECT_EQ(v, (std::vector<double>{1970, 1, 1, 2, 0, 1.5}));
+    unsetenv("TZ");
+    for (const double bad : {0.0, -1.0, std::nan(""), 1e300}) {
+        Timestamp(bad).getTimeVector(v);
+        EXPECT_TRUE(v.empty()) << bad;
+    }
+}
+
+TEST(TimestampTest, CurrentTimeIsTheSystemClocksInFineSteps) {
+    EXPECT_GT(Timestamp::getSystemClockGranularity(), 0.0);  // calibrates
+    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+    EXPECT_NEAR(fcns::time::getCurrentTimestamp(), now.count(), 1.0);
+    EXPECT_LT(Timestamp::getGranularity(), kSchedulingAllowance);
+}
+
+TEST(ElapsedTimerTest, CountsFromConstructionOrStartAndZeroWhenNeverStarted) {
+    ElapsedTimer idle(false), timer;
+    ASSERT_TRUE(waitFor([&] { return timer.getElapsedTime() > kSchedulingAllowance; }));
+    EXPECT_EQ(idle.getElapsedTime(), 0.0);
+    timer.start();
+    EXPECT_LT(timer.getElapsedTime(), kSchedulingAllowance);
+}
