@@ -54,6 +54,10 @@ int main() {
         return 1;
     }  // the loader unloads the library here
 
+    // Failures are also reported on the diagnostic channel
+    // "kestrel::PluginLoader" (a Boost.Log source; failures are enabled by
+    // default). A host adds its own Boost.Log sinks; with none at all,
+    // Boost.Log prints those lines to stderr.
     std::printf("failures:\n");
     const std::string plugin = fl::i18n::to_string(path);
     const bool missing =
