@@ -230,15 +230,17 @@ int runDemo() {
         "a plugin\n",
         kTimerPeriod * 1000.0);
 
+    // Declared in the order they may be used in: each object outlives those
+    // declared after it, also when the demo fails half way.
     demo::Ledger ledger;
     kestrel::Event wake;  // auto reset
+    kestrel::EventInfoLog infoLog(kInfoLogLimit);
 
     // The road of one event begins here: the event manager belongs to this
     // thread, and its handler wakes this thread's loop.
     kestrel::EventManager* const manager =
         kestrel::EventManager::createInstance(new WakeMainLoop(wake, ledger));
-    const EventManagerScope managerScope;  // declared before the threads: destroyed after them
-    kestrel::EventInfoLog infoLog(kInfoLogLimit);
+    const EventManagerScope managerScope;  // destroyed after the threads below
 
     // On the manager's own thread, serviceEvent(true) runs the event at once.
     ++ledger.servicedAtOnce;
@@ -251,6 +253,10 @@ int runDemo() {
     (new demo::NoteEvent(ledger, "PluginLoaded", plugin.greeting, infoLog, recorder))
         ->serviceEvent(true);
 
+    demo::Job prefetch("prefetch", kPrefetchBlocks);
+    demo::Job jobs[] = {{"alpha", 60}, {"beta", 90}, {"gamma", 120}};
+    constexpr std::size_t jobCount = sizeof jobs / sizeof jobs[0];
+
     // The event thread runs what is still queued when it is stopped.
     kestrel::EventThread checksummer(kestrel::EventThread::PROCESS_PENDING_EVENTS);
     demo::FrameTimer timer(kTimerPeriod, wake);
@@ -260,7 +266,6 @@ int runDemo() {
 
     // A prefetch, queued on the event thread and cancelled at once: the blocks
     // the event thread has not taken yet are flushed, unexecuted.
-    demo::Job prefetch("prefetch", kPrefetchBlocks);
     for (int i = 0; i < kPrefetchBlocks; ++i) {
         ++ledger.postedToThread;
         (new demo::BlockEvent(ledger, prefetch, demo::makeBlock(prefetch.name, i), false, infoLog,
@@ -270,8 +275,6 @@ int runDemo() {
     kestrel::IEvent::flushEvents(checksummer, demo::BlocksOfJob(prefetch));
     recorder.record("main thread: prefetch cancelled");
 
-    demo::Job jobs[] = {{"alpha", 60}, {"beta", 90}, {"gamma", 120}};
-    constexpr std::size_t jobCount = sizeof jobs / sizeof jobs[0];
     std::vector<std::unique_ptr<demo::JobThread>> workers;
     for (demo::Job& job : jobs) {
         workers.push_back(
