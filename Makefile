@@ -18,8 +18,11 @@ test: build
 	ctest --preset $(PRESET) --output-on-failure $(CTEST_ARGS)
 
 demo: build
-	@if [ -x build/$(PRESET)/bin/kestrel-demo ]; then build/$(PRESET)/bin/kestrel-demo; \
-	else echo "the demo program is not part of this build yet"; fi
+	@if [ ! -x build/$(PRESET)/bin/kestrel-demo ]; then \
+		echo "make demo: build/$(PRESET)/bin/kestrel-demo was not built (examples switched off?)" >&2; \
+		exit 1; \
+	fi
+	@build/$(PRESET)/bin/kestrel-demo
 
 asan:
 	$(MAKE) test PRESET=asan

@@ -27,6 +27,12 @@ install(FILES
     "${CMAKE_CURRENT_BINARY_DIR}/kestrelConfigVersion.cmake"
     DESTINATION ${KESTREL_CMAKE_DIR})
 
+# The pkg-config file names its prefix relative to its own place
+# (${pcfiledir}), so it stays right whatever prefix `cmake --install
+# --prefix` chooses at install time.
+file(RELATIVE_PATH KESTREL_PC_PREFIX_FROM_PCFILEDIR
+    "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" KESTREL_PC_PREFIX_FROM_PCFILEDIR "${KESTREL_PC_PREFIX_FROM_PCFILEDIR}")
 configure_file(cmake/kestrel.pc.in "${CMAKE_CURRENT_BINARY_DIR}/kestrel.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kestrel.pc"
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

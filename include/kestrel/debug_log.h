@@ -36,6 +36,7 @@ namespace kestrel {
 //   and failing writes are not reported.
 class KESTREL_API KSDebugLog {
   public:
+    // Where records go.
     enum LoggingMode : std::int32_t {
         LogToFile = 0,             // a file, and lines go there
         LogToDebugger = 1,         // no file; lines go to the debugger output

@@ -44,6 +44,7 @@ class KESTREL_API OpaqueLock {
   public:
     // Locks mutex, waiting while another thread holds it.
     explicit OpaqueLock(OpaqueMutex& mutex);
+    // Takes over other's lock; other then owns nothing.
     OpaqueLock(OpaqueLock&& other) noexcept;
     OpaqueLock(const OpaqueLock&) = delete;
     OpaqueLock& operator=(const OpaqueLock&) = delete;
@@ -252,6 +253,8 @@ class KESTREL_API EventQueue {
     // One pass over the events queued now, on the calling thread. Returns at
     // once when a pass is already running.
     void processEvents();
+    // True on the queue's processing thread (the test given to the
+    // constructor, or the constructing thread).
     bool isProcessingThread() const;
 
   private:
@@ -297,10 +300,14 @@ class KESTREL_API EventManager {
     EventManager(const EventManager&) = delete;
     EventManager& operator=(const EventManager&) = delete;
 
+    // Queues event on the manager's queue, as EventQueue::postEvent().
     void postEvent(IEvent* const event, const IMatchEventFcn* const match,
                    const IMergeEventInfoFcn* const merge);
+    // As EventQueue::flushEvents(); served events run on the calling thread.
     void flushEvents(const IMatchEventFcn& match, bool service);
+    // One pass over the queued events; call it on the processing thread.
     void processEvents();
+    // True on the thread that created the manager.
     bool isProcessingThread() const;
 
   private:
@@ -339,11 +346,13 @@ class KESTREL_API EventManager {
 //   poster or flusher as described for EventQueue.
 class KESTREL_API EventThread : protected WorkThread {
   public:
+    // What a stop does with the events still queued.
     enum StopProcessingMode : std::int32_t {
         DISCARD_PENDING_EVENTS = 0,  // any value other than 1 behaves like this one
         PROCESS_PENDING_EVENTS = 1
     };
 
+    // A stopped event thread whose stops treat queued events as mode says.
     explicit EventThread(StopProcessingMode mode = DISCARD_PENDING_EVENTS);
     ~EventThread() override;
 
@@ -351,6 +360,7 @@ class KESTREL_API EventThread : protected WorkThread {
     bool start();
     // Stops the thread and returns once it has ended; always true.
     bool stop();
+    // True while the thread runs and accepts posts.
     bool isRunning() const;
 
     // Queues event, coalescing as EventQueue::postEvent() does, when the
@@ -387,6 +397,7 @@ class KESTREL_API EventThread : protected WorkThread {
 template <typename Container>
 class TLockingEnumerator {
   public:
+    // The element type; getCurrent() returns value_type() at the end.
     using value_type = typename Container::value_type;
 
     // Takes over lock, which must guard container.
@@ -401,6 +412,7 @@ class TLockingEnumerator {
 
     // The number of elements.
     std::size_t getCount() const { return _count; }
+    // True when the cursor has passed the last element.
     bool isAtEnd() const { return _current == _end; }
     // The element under the cursor; value_type() once at the end.
     value_type getCurrent() const { return isAtEnd() ? value_type() : *_current; }
@@ -439,8 +451,10 @@ class TLockingEnumerator {
 //   is ignored.
 class KESTREL_API EventInfoLog {
   public:
+    // The limit that means no limit (2147483647 entries).
     static constexpr int NO_LIMIT = -1;
 
+    // An empty log with the limit maxToLog, as setMaxToLog() takes it.
     explicit EventInfoLog(int maxToLog = NO_LIMIT);
     EventInfoLog(const EventInfoLog&) = delete;
     EventInfoLog& operator=(const EventInfoLog&) = delete;
@@ -451,10 +465,14 @@ class KESTREL_API EventInfoLog {
     void append(IEventInfo* const info);
     // Releases every kept record; the limit stays.
     void clear();
+    // The limit; 2147483647 for NO_LIMIT.
     int getMaxToLog() const;
     // Drops the oldest entries above the new limit.
     void setMaxToLog(int maxToLog);
+    // The number of kept records.
     int getNumberLogged() const;
+    // True when the number of kept records equals the limit (so always with
+    // a limit of 0).
     bool isLogFull() const;
     // A cursor over the kept records, oldest first, holding the log's lock
     // until the caller deletes it.

@@ -25,6 +25,7 @@ class KESTREL_API KSException {
     // Identifier := id (empty when null); message := the formatted text
     // (empty when format is null).
     KSException(const char* const id, const char* const format, ...) KESTREL_PRINTF_FORMAT(3, 4);
+    // Copies both texts.
     KSException(const KSException& other);
     KSException& operator=(const KSException& other);
     virtual ~KSException();
@@ -34,6 +35,7 @@ class KESTREL_API KSException {
 
     // Message := the formatted text; a null format empties it.
     void setMessage(const char* const format, ...) KESTREL_PRINTF_FORMAT(2, 3);
+    // setMessage() with the arguments in a va_list, which it does not end.
     void vsetMessage(const char* const format, va_list args) KESTREL_PRINTF_FORMAT(2, 0);
 
     // Message := old message + new piece (no separator). A null format
@@ -43,8 +45,9 @@ class KESTREL_API KSException {
     // leaves the message unchanged.
     void prependMessage(const char* const format, ...) KESTREL_PRINTF_FORMAT(2, 3);
 
-    // Never null; empty when unset.
+    // The identifier; never null, empty when unset.
     const char* getID() const;
+    // The message; never null, empty when unset.
     const char* getMessage() const;
 
   private:

@@ -57,8 +57,8 @@ class KESTREL_API NoOpVerificationStrategy : public IVerificationStrategy {
 
     // Always true; nothing is touched on disk.
     bool verifyPlugin(const ustring& path) override;
-    // "corvane:plugin:pluginNotLoaded", "Failure to load the requested
-    // plugin: <path>."
+    // A KSException "corvane:plugin:pluginNotLoaded" with the message
+    // "Failure to load the requested plugin: " + path (as UTF-8) + ".".
     KSException getException(const ustring& path) override;
 };
 
@@ -72,6 +72,7 @@ class KESTREL_API NoOpVerificationStrategy : public IVerificationStrategy {
 class KESTREL_API IPluginReference {
   public:
     virtual ~IPluginReference();
+    // The entry point's address; null when nothing is loaded.
     virtual void* getEntryPointFcn() const = 0;
 };
 
@@ -106,6 +107,8 @@ class KESTREL_API PluginReference : public IPluginReference {
     PluginReference& operator=(PluginReference&&) = delete;
     ~PluginReference() override;
 
+    // Loads pluginPath and resolves pluginEntryPoint (exported narrow name),
+    // as described above; libraryLoadSearchPath may be empty.
     void load(const ustring& pluginPath, const std::string& pluginEntryPoint,
               const ustring& libraryLoadSearchPath);
 
@@ -135,6 +138,8 @@ class KESTREL_API IPluginFactory {
     IPluginFactory& operator=(const IPluginFactory& other);
     virtual ~IPluginFactory();
 
+    // A reference that has loaded pluginPath and resolved pluginEntryPoint;
+    // never null. The arguments mean what they mean to PluginReference.
     virtual std::unique_ptr<IPluginReference> loadPlugin(
         const ustring& pluginPath, const std::string& pluginEntryPoint, bool unloadOnDestruction,
         const ustring& libraryLoadSearchPath) const = 0;
@@ -174,9 +179,10 @@ class KESTREL_API UnsignedPluginFactory : public IPluginFactory {
 // Errors: the constructors throw KSException as PluginReference::load.
 class KESTREL_API PluginLoader {
   public:
-    // pluginPath is UTF-8 text.
+    // Loads the plugin; pluginPath is UTF-8 text.
     PluginLoader(const std::string& pluginPath, const std::string& pluginEntryPoint,
                  bool unloadOnDestruction, const ustring& libraryLoadSearchPath);
+    // Loads the plugin; pluginPath is UTF-16 text.
     PluginLoader(const ustring& pluginPath, const std::string& pluginEntryPoint,
                  bool unloadOnDestruction, const ustring& libraryLoadSearchPath);
     PluginLoader(const PluginLoader&) = delete;

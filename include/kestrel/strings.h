@@ -1,6 +1,6 @@
-// Narrow-string helpers: appending the text of a number or truth value with
-// + and +=, case-insensitive comparison, case conversion and shortening in
-// place. They save callers from setting up streams or locales of their own.
+// Narrow-string helpers: appending the text of a number or truth value
+// with + and +=, case-insensitive comparison, case conversion and shortening
+// in place. They save callers from setting up streams or locales of their own.
 //
 // The operators take std::string, so argument-dependent lookup searches only
 // namespace std and does not find them. Bring them into scope where they are

@@ -33,6 +33,7 @@ class WorkThread;
 //   leave run() are caught on the new thread and never reported.
 class KESTREL_API Thread {
   public:
+    // The priority a thread is started with, relative to the creator's.
     enum ThreadPriority : std::int32_t {
         LOW_PRIORITY = 0,
         NORMAL_PRIORITY = 1,  // any other value behaves like this one
@@ -50,7 +51,10 @@ class KESTREL_API Thread {
     // Errors: never throws.
     class KESTREL_API ID {
       public:
+        // The ID that names no thread.
         ID() noexcept;
+        // Equal when both name the same thread (or both name none); < is a
+        // strict weak order, so IDs can be map keys.
         bool operator==(const ID& other) const noexcept;
         bool operator!=(const ID& other) const noexcept;
         bool operator<(const ID& other) const noexcept;
@@ -60,6 +64,7 @@ class KESTREL_API Thread {
         alignas(8) unsigned char _storage[16];
     };
 
+    // An inactive thread object that will start its threads at priority.
     explicit Thread(ThreadPriority priority = NORMAL_PRIORITY);
     virtual ~Thread();
     Thread(const Thread&) = delete;
@@ -114,6 +119,8 @@ class KESTREL_API Thread {
 // Errors: never throws (except std::bad_alloc from the constructor).
 class KESTREL_API Event {
   public:
+    // An auto-reset event unless manualReset; set from the start when
+    // initialState is true.
     explicit Event(bool manualReset = false, bool initialState = false);
     ~Event();
     Event(const Event&) = delete;
@@ -168,8 +175,11 @@ class KESTREL_API Event {
 //   always returns true; nothing is thrown to the owner.
 class KESTREL_API WorkThread : protected Thread {
   public:
+    // The life cycle: STOPPED -> STARTING (start() until starting() is over)
+    // -> RUNNING -> STOPPING (stop() until the thread has ended) -> STOPPED.
     enum ThreadState : std::int32_t { STOPPED = 0, STARTING = 1, RUNNING = 2, STOPPING = 3 };
 
+    // A stopped work thread that will run at priority.
     explicit WorkThread(Thread::ThreadPriority priority = Thread::NORMAL_PRIORITY);
     ~WorkThread() override;
 
@@ -185,7 +195,10 @@ class KESTREL_API WorkThread : protected Thread {
     bool isRunning() const;
 
   protected:
+    // True when the state is STOPPING: a stop was requested and the thread
+    // has not ended yet. Lets a long pass notice a stop between its waits.
     bool isStopping() const;
+    // The current state; by the time the caller looks, it may have moved on.
     ThreadState getState() const;
 
     // Waits for event or a stop request, in alternating 1 ms waits; a stop is
@@ -239,6 +252,7 @@ class KESTREL_API WorkThread : protected Thread {
 //   stop()); nothing is thrown to the owner.
 class KESTREL_API TimerThread : protected WorkThread {
   public:
+    // How the executions are spaced (see the class comment).
     enum ExecutionMode : std::int32_t {
         FIXED_RATE = 0,  // any value other than FIXED_DELAY behaves like this one
         FIXED_DELAY = 1

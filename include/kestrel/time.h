@@ -25,12 +25,14 @@ class KESTREL_API Timestamp {
     Timestamp();
     // The given seconds.
     Timestamp(double t);  // NOLINT(google-explicit-constructor): a time is its seconds
+    // Copies the seconds.
     Timestamp(const Timestamp& other);
     Timestamp& operator=(const Timestamp& other);
     virtual ~Timestamp();
 
     // Time := the current time.
     void now();
+    // The seconds.
     double getTime() const;
 
     // Fills v with the local calendar time: year, month (1-12), day (1-31),
@@ -59,6 +61,7 @@ class KESTREL_API Timestamp {
     bool operator>(const Timestamp& other) const;
     bool operator>=(const Timestamp& other) const;
 
+    // A time d seconds later (+) or earlier (-); += and -= move this one.
     Timestamp operator+(const double& d) const;
     Timestamp operator-(const double& d) const;
     // This time minus the other, in seconds.
@@ -90,6 +93,7 @@ class KESTREL_API ElapsedTimer {
     double getElapsedTime() const;
 
   protected:
+    // True once start() has been called (or the timer started at once).
     bool isStarted() const;
 
   private:

@@ -6,6 +6,7 @@
 
 namespace kestrel {
 
+// UTF-16 text; the same type as fl::ustring.
 using ustring = std::u16string;
 
 }  // namespace kestrel

@@ -47,6 +47,7 @@ FL_API ustring tmpnam(const ustring& directory, const ustring& prefix, const ust
 // Errors: never throws.
 class FL_API AccessDenied : public std::filesystem::filesystem_error {
   public:
+    // what: the description; path: the refused path; code: the system error.
     AccessDenied(const std::string& what, const std::filesystem::path& path, std::error_code code);
     ~AccessDenied() override;
 };
@@ -61,8 +62,10 @@ class FL_API AccessDenied : public std::filesystem::filesystem_error {
 // Errors: fl::i18n::conversion_error from a strict converter.
 class FL_API codecvt_ustring_to_narrow_string : public i18n::converter<char, char16_t> {
   public:
+    // A lenient (skipping) or strict (throwing) converter.
     explicit codecvt_ustring_to_narrow_string(bool lenient);
     ~codecvt_ustring_to_narrow_string() override;
+    // text as UTF-8.
     std::string convert(const ustring& text) const override;
 
   private:

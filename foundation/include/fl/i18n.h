@@ -33,6 +33,7 @@ FL_API ustring to_ustring(const std::wstring& text);
 // Thrown by a strict converter for input that is not valid in its encoding.
 class FL_API conversion_error : public std::runtime_error {
   public:
+    // what() returns what.
     explicit conversion_error(const std::string& what);
     ~conversion_error() override;
 };
@@ -48,6 +49,7 @@ template <typename To, typename From>
 class FL_API converter {
   public:
     virtual ~converter() = default;
+    // text converted to To units.
     virtual std::basic_string<To> convert(const std::basic_string<From>& text) const = 0;
 
   protected:

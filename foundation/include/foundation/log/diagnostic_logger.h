@@ -42,11 +42,13 @@ class basic_diagnostic_logger;
 template <>
 class FL_API basic_diagnostic_logger<char> {
   public:
+    // A source writing to the channel of this name (its "Channel" attribute).
     explicit basic_diagnostic_logger(const std::string& channel);
     ~basic_diagnostic_logger();
     basic_diagnostic_logger(const basic_diagnostic_logger&) = delete;
     basic_diagnostic_logger& operator=(const basic_diagnostic_logger&) = delete;
 
+    // The channel's name.
     const std::string& channel() const;
 
     // True when the mask has every bit of severity and the Boost.Log core
@@ -61,6 +63,7 @@ class FL_API basic_diagnostic_logger<char> {
     std::unique_ptr<impl> _impl;
 };
 
+// The channel type that callers name.
 using diagnostic_logger = basic_diagnostic_logger<char>;
 
 }  // namespace log
