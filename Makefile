@@ -49,8 +49,9 @@ docs:
 # ---- Reliability: sanitizers, fuzzing, memcheck --------------------------
 # check: the unit tests as built for development, then under ASan+UBSan
 # (leaks detected) and TSan, then every fuzz target for FUZZ_SECONDS.
-# memcheck: the development build's unit tests under valgrind memcheck
-# (the installation test, which runs CMake, is left out).
+# memcheck: the development build's tests under valgrind memcheck, except
+# the installation test (it runs CMake) and the stress tests (valgrind runs
+# one thread at a time, so they would starve; asan and tsan cover them).
 .PHONY: check fuzz memcheck
 FUZZ_SECONDS ?= 20
 # Each fuzz target with its largest input in bytes (room for pieces beyond
@@ -88,6 +89,6 @@ fuzz:
 memcheck:
 	@scripts/install-deps check
 	$(MAKE) build PRESET=dev
-	ctest --test-dir build/dev -T memcheck -j $(JOBS) --output-on-failure -E '^install\.' \
+	ctest --test-dir build/dev -T memcheck -j $(JOBS) --output-on-failure -E '^install\.|Stress' \
 	    $(CTEST_ARGS) --overwrite MemoryCheckCommand=$$(command -v valgrind) \
 	    --overwrite "MemoryCheckCommandOptions=$(MEMCHECK_OPTIONS)"
