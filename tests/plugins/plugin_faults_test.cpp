@@ -5,7 +5,6 @@
 
 #include <fl/i18n.h>
 
-#include <stdexcept>
 #include <string>
 
 #include "kestrel/plugins.h"
@@ -24,13 +23,10 @@ class FailingStrategy : public kestrel::IVerificationStrategy {
   public:
     explicit FailingStrategy(bool inGetException) : _inGetException(inGetException) {}
     bool verifyPlugin(const ustring& /*path*/) override {
-        if (++_calls > 1) {
-            return true;
+        if (++_calls == 1 && !_inGetException) {
+            throw 7;
         }
-        if (!_inGetException) {
-            throw std::runtime_error("verification failed");
-        }
-        return false;
+        return _calls > 1;
     }
     KSException getException(const ustring& /*path*/) override { throw 42; }
 
@@ -48,11 +44,13 @@ TEST(PluginFaultTest, ThrowingStrategyFailsTheLoadAndLeavesTheReferenceUsable) {
     for (const bool inGetException : {false, true}) {
         capture.clear();
         kestrel::PluginReference reference(true, std::make_unique<FailingStrategy>(inGetException));
-        if (inGetException) {
-            EXPECT_THROW(load(reference), int);
-        } else {
-            EXPECT_THROW(load(reference), std::runtime_error);
+        int thrown = 0;
+        try {
+            load(reference);
+        } catch (int e) {
+            thrown = e;
         }
+        EXPECT_EQ(thrown, inGetException ? 42 : 7);  // passed on unchanged
         EXPECT_EQ(reference.getEntryPointFcn(), nullptr);
         EXPECT_FALSE(kestrel_test::isLibraryLoaded(plugin));
         EXPECT_EQ(capture.lines().size(), 2u);  // the load and attempt lines only
