@@ -48,3 +48,50 @@ docs:
 	@mkdir -p build/docs
 	doxygen docs/Doxyfile
 	@echo "API documentation: build/docs/html/index.html"
+
+# ---- Reliability: sanitizers, fuzzing, memcheck --------------------------
+# check: the unit tests as built for development, then under ASan+UBSan
+# (leaks detected) and TSan, then every fuzz target for FUZZ_SECONDS.
+# memcheck: the development build's tests under valgrind memcheck, except
+# the installation test (it runs CMake) and the stress tests (valgrind runs
+# one thread at a time, so they would starve; asan and tsan cover them).
+.PHONY: check fuzz memcheck
+FUZZ_SECONDS ?= 20
+# Each fuzz target with its largest input in bytes (room for pieces beyond
+# the 2047-character formatting limit where that limit matters).
+FUZZERS ?= exception_fuzz:8192 format_text_fuzz:2048 preprocess_path_fuzz:512 strings_fuzz:512
+# No suppressions: the suite runs clean under valgrind as it stands.
+MEMCHECK_OPTIONS ?= --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite \
+	--gen-suppressions=all
+
+check:
+	@scripts/install-deps check
+	$(MAKE) test PRESET=dev
+	$(MAKE) test PRESET=asan
+	$(MAKE) test PRESET=tsan
+	$(MAKE) fuzz
+
+# Runs on a copy of the seed corpus in build/fuzz/corpus (it grows there from
+# run to run); crash inputs land in build/fuzz/artifacts.
+fuzz:
+	@scripts/install-deps check
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@set -e; for entry in $(FUZZERS); do \
+	    name=$${entry%%:*}; corpus=build/fuzz/corpus/$$name; \
+	    mkdir -p $$corpus build/fuzz/artifacts; \
+	    cp -n tests/fuzz/corpus/$$name/* $$corpus/; \
+	    echo "fuzz: $$name for $(FUZZ_SECONDS) s"; \
+	    build/fuzz/fuzz/$$name $$corpus -max_total_time=$(FUZZ_SECONDS) \
+	        -max_len=$${entry##*:} -timeout=10 -print_final_stats=1 \
+	        -artifact_prefix=build/fuzz/artifacts/$$name- 2>build/fuzz/$$name.log \
+	        || { tail -n 40 build/fuzz/$$name.log; exit 1; }; \
+	    grep -E '^(stat::number_of_executed_units|stat::new_units_added)' build/fuzz/$$name.log; \
+	done
+
+memcheck:
+	@scripts/install-deps check
+	$(MAKE) build PRESET=dev
+	ctest --test-dir build/dev -T memcheck -j $(JOBS) --output-on-failure -E '^install\.|Stress' \
+	    $(CTEST_ARGS) --overwrite MemoryCheckCommand=$$(command -v valgrind) \
+	    --overwrite "MemoryCheckCommandOptions=$(MEMCHECK_OPTIONS)"
