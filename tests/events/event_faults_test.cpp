@@ -37,12 +37,28 @@ class PostingHandler : public Handler {
 };
 
 std::size_t traced(Ledger& l) {
-    const std::lock_guard<std::mutex> lock(l.mutex);
-    return l.trace.size();
+    return static_cast<std::size_t>(l.executed.load());
 }
 
+// A key match that throws an int on its throwAt-th call.
+struct FaultyMatch : KeyMatch {
+    FaultyMatch(int k, Fate f, int throwAt) : KeyMatch(k, f), _throwAt(throwAt) {}
+    bool operator()(IEvent* event) const override {
+        if (++_calls == _throwAt) {
+            throw 1;
+        }
+        return KeyMatch::operator()(event);
+    }
+    const int _throwAt;
+    mutable int _calls = 0;
+};
+
+struct ThrowingMerge : IMergeEventInfoFcn {
+    void operator()(IEventInfo*, IEventInfo*) const override { throw 1; }
+};
+
 TestEvent* event(Context& c, int key, bool throwing = false) {
-    auto* e = new TestEvent(c.l, key, new Info(c.l, false));
+    auto* e = new TestEvent(c.l, key, new Info(false));
     if (throwing) {
         e->onExecute = []() -> bool { throw std::runtime_error("execute failed"); };
     }
@@ -73,15 +89,15 @@ const Fault kFaults[] = {
          for (int key : {1, 2, 1}) {
              event(c, key, key == 1)->serviceEvent(false);
          }
-         IEvent::flushEvents(KeyMatch(1, true), true);
+         IEvent::flushEvents(KeyMatch(1, kFlushed), true);
      },
      {1, 1, 2, 99}},
     {"merge throws while posting",
      false,
      [](Context& c) {
          event(c, 1)->serviceEvent(false);
-         const KeyMatch match(1, true);  // marks 1 flushed, which its execution outranks
-         const SumMerge merge(c.l, true);
+         const KeyMatch match(1, kFlushed);  // marks 1 flushed, which its execution outranks
+         const ThrowingMerge merge;
          EXPECT_THROW(event(c, 2)->serviceOrCoalesceEvent(false, &match, &merge), int);
      },
      {1, 99}},
@@ -90,7 +106,7 @@ const Fault kFaults[] = {
      [](Context& c) {
          c.handlerPosts = true;
          event(c, 1)->serviceEvent(false);
-         EXPECT_EQ(c.l.counts, std::vector<std::size_t>{1});
+         EXPECT_EQ(c.l.told(), std::vector<int>{1});
      },
      {1, 50, 99}},
     {"execute throws on the thread",
@@ -104,7 +120,7 @@ const Fault kFaults[] = {
      true,
      [](Context& c) {
          holdAndQueue(c);
-         const KeyMatch match(3, false, 2);
+         const FaultyMatch match(3, kReplaced, 2);
          EXPECT_THROW(event(c, 4)->postOrCoalesceEvent(c.thread, &match, nullptr), int);
      },
      {0, 2, 3, 99}},
@@ -112,7 +128,7 @@ const Fault kFaults[] = {
      true,
      [](Context& c) {
          holdAndQueue(c);
-         EXPECT_THROW(IEvent::flushEvents(c.thread, KeyMatch(-1, true, 2)), int);
+         EXPECT_THROW(IEvent::flushEvents(c.thread, FaultyMatch(-1, kFlushed, 2)), int);
      },
      {0, 3, 99}},
 };
@@ -139,10 +155,10 @@ TEST(EventFaultTest, FaultsEndAsDefinedLoseNoEventAndLeaveNoLockHeld) {
         manager->processEvents();
         EventManager::destroyInstance();
         c.thread.stop();
-        EXPECT_EQ(c.l.trace, fault.trace);
-        EXPECT_EQ(c.l.errors, 0);
-        EXPECT_EQ(c.l.destroyed, c.l.created);
-        EXPECT_EQ(c.l.infosDestroyed, c.l.infos);
+        EXPECT_EQ(c.l.trace(), fault.trace);
+        EXPECT_EQ(c.l.fates[kWrong], 0);
+        EXPECT_EQ(c.l.destroyed(), c.l.created);
+        EXPECT_EQ(Info::alive, 0);
     }
 }
 

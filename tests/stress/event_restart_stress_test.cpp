@@ -21,7 +21,7 @@ TEST(EventRestartStressTest, EveryEventIsAccountedForAcrossRestarts) {
     auto* thread = new EventThread(EventThread::PROCESS_PENDING_EVENTS);
     // Key 3 posts a follower: from the manager to the thread, on the thread to itself.
     const auto make = [&](Ledger& l, int key) {
-        auto* e = new TestEvent(l, key, key % 2 == 0 ? new Info(l, false) : nullptr);
+        auto* e = new TestEvent(l, key, key % 2 == 0 ? new Info(false) : nullptr);
         if (key == 3) {
             e->onExecute = [&thread, &lt] {
                 (new TestEvent(lt, 6))->postEvent(*thread);
@@ -68,13 +68,13 @@ TEST(EventRestartStressTest, EveryEventIsAccountedForAcrossRestarts) {
                     const bool toThread = rng() % 2 == 0;
                     const KeyMatch match(static_cast<int>(rng() % 4));
                     if (rng() % 8 == 0) {
-                        const KeyMatch flush(static_cast<int>(rng() % 4), true);
+                        const KeyMatch flush(static_cast<int>(rng() % 4), kFlushed);
                         toThread ? IEvent::flushEvents(*thread, flush)
                                  : IEvent::flushEvents(flush, rng() % 2 == 0);
                         continue;
                     }
                     Ledger& l = toThread ? lt : lm;
-                    const SumMerge merge(l);
+                    const SumMerge merge;
                     auto* e = make(l, static_cast<int>(rng() % 4));
                     const KeyMatch* coalesce = rng() % 2 == 0 ? &match : nullptr;
                     toThread
@@ -93,12 +93,11 @@ TEST(EventRestartStressTest, EveryEventIsAccountedForAcrossRestarts) {
     delete thread;  // running: stops with a final pass
 
     for (const Ledger* l : {&lm, &lt}) {
-        EXPECT_EQ(l->errors, 0);
-        EXPECT_EQ(l->destroyed, l->created);
-        EXPECT_EQ(l->executed + l->replaced + l->flushed + l->refused + l->discarded, l->created);
-        EXPECT_EQ(l->infosDestroyed, l->infos);
-        EXPECT_GT(l->executed, 0);
-        EXPECT_GT(l->replaced + l->flushed, 0);
+        EXPECT_EQ(l->fates[kWrong], 0);
+        EXPECT_EQ(l->destroyed(), l->created);
+        EXPECT_GT(l->fates[kExecuted], 0);
+        EXPECT_GT(l->fates[kReplaced] + l->fates[kFlushed], 0);
     }
-    EXPECT_EQ(lt.discarded, 0);  // the final passes leave nothing behind
+    EXPECT_EQ(Info::alive, 0);
+    EXPECT_EQ(lt.fates[kDiscarded], 0);  // the final passes leave nothing behind
 }
