@@ -19,8 +19,8 @@ TEST(StringsTest, AppendsNumberAndTruthTextsAsAClassicStream) {
     s += short{-5};
     s += ' ';  // std::string's own operators still apply
     s += 0;
-    s += -1234567890123L;
-    EXPECT_EQ(s + true + false, "n=-5 0-1234567890123truefalse");
+    s += -1234567890L;  // fits a long on every system
+    EXPECT_EQ(s + true + false, "n=-5 0-1234567890truefalse");
     EXPECT_EQ(
         std::string() + 0.1 + " " + 1.0 / 3.0 + " " + 100.0 + " " + 1e20 + " " + 1e-7 + " " + 2.5,
         "0.1 0.3333333333333333 100 1e+20 1e-07 2.5");
@@ -44,7 +44,10 @@ TEST(StringsTest, CaselessComparisonIsStrcasecmp) {
     for (int a = 1; a < 256; ++a) {  // every pair of bytes, against the C runtime
         for (int b = 1; b < 256; ++b) {
             const std::string sa(1, static_cast<char>(a)), sb(1, static_cast<char>(b));
-            const int expected = strcasecmp(sa.c_str(), sb.c_str());
+            // Bytes above 127 are no letters in the C locale and compare as
+            // unsigned values. Wine's C runtime compares them as signed, so
+            // it serves as the reference for the others only.
+            const int expected = a < 128 && b < 128 ? strcasecmp(sa.c_str(), sb.c_str()) : a - b;
             const int actual = caselessCompare(sa, sb);
             ASSERT_EQ((actual > 0) - (actual < 0), (expected > 0) - (expected < 0))
                 << a << " " << b;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kestrel/time.h"
+#include "support/os.h"
 #include "support/timing.h"
 
 namespace {
@@ -28,16 +29,16 @@ TEST(TimestampTest, ComparesAndComputesInSeconds) {
 
 TEST(TimestampTest, TimeVectorIsLocalCalendarTime) {
     std::vector<double> v;
-    setenv("TZ", "UTC", 1);
+    kestrel_test::setEnv("TZ", "UTC");
     tzset();
     kestrel::fcns::time::createTimeVector(1.5, v);
     EXPECT_EQ(v, (std::vector<double>{1970, 1, 1, 0, 0, 1.5}));
     Timestamp(1772368199.25).getTimeVector(v);  // 2026-03-01 12:29:59.25 UTC
     EXPECT_EQ(v, (std::vector<double>{2026, 3, 1, 12, 29, 59.25}));
-    setenv("TZ", "XYZ-2", 1);  // two hours ahead of UTC
+    kestrel_test::setEnv("TZ", "XYZ-2");  // two hours ahead of UTC
     Timestamp(1.5).getTimeVector(v);
     EXPECT_EQ(v, (std::vector<double>{1970, 1, 1, 2, 0, 1.5}));
-    unsetenv("TZ");
+    kestrel_test::unsetEnv("TZ");
     for (const double bad : {0.0, -1.0, std::nan(""), 1e300}) {
         Timestamp(bad).getTimeVector(v);
         EXPECT_TRUE(v.empty()) << bad;
