@@ -45,3 +45,11 @@ docs:
 	@mkdir -p build/docs
 	doxygen docs/Doxyfile
 	@echo "API documentation: build/docs/html/index.html"
+
+# Windows: cross-built with mingw-w64 and run under Wine (scripts/test-windows).
+# The first run on a machine also builds Boost for Windows into a cache
+# outside the work tree (~/.cache/kestrel); later runs reuse it.
+.PHONY: test-windows
+test-windows:
+	@scripts/install-deps windows
+	JOBS=$(JOBS) scripts/test-windows $(CTEST_ARGS)
