@@ -1,6 +1,8 @@
-// Windows: a thread's priority is set relative to its process's priority
-// class, through a handle that allows setting it. The handle is opened from
-// the thread identifier the thread captured itself.
+// Windows: a thread's priority level is set within its process's priority
+// class (THREAD_PRIORITY_HIGHEST and _LOWEST are +2 and -2 around normal),
+// through a handle opened from the identifier the thread captured itself.
+// The handle asks for THREAD_SET_INFORMATION: Windows also accepts the
+// limited right for SetThreadPriority, Wine does not.
 #include <windows.h>
 
 #include "platform/thread_priority.h"
