@@ -95,3 +95,11 @@ memcheck:
 	ctest --test-dir build/dev -T memcheck -j $(JOBS) --output-on-failure -E '^install\.|Stress' \
 	    $(CTEST_ARGS) --overwrite MemoryCheckCommand=$$(command -v valgrind) \
 	    --overwrite "MemoryCheckCommandOptions=$(MEMCHECK_OPTIONS)"
+
+# Windows: cross-built with mingw-w64 and run under Wine (scripts/test-windows).
+# The first run on a machine also builds Boost for Windows into a cache
+# outside the work tree (~/.cache/kestrel); later runs reuse it.
+.PHONY: test-windows
+test-windows:
+	@scripts/install-deps windows
+	JOBS=$(JOBS) scripts/test-windows $(CTEST_ARGS)

@@ -53,7 +53,12 @@ bool exists(const ustring& path) {
 
 ustring temp_directory_name() {
     std::error_code ec;
-    const std::filesystem::path directory = std::filesystem::temp_directory_path(ec);
+    std::filesystem::path directory = std::filesystem::temp_directory_path(ec);
+    // Windows' GetTempPathW ends the directory with a separator; a root keeps
+    // its own.
+    if (!ec && !directory.has_filename() && directory.has_relative_path()) {
+        directory = directory.parent_path();
+    }
     if (ec) {
         if (isAccessError(ec)) {
             throw AccessDenied("fl::filesystem::temp_directory_name", directory, ec);

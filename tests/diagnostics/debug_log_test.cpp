@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "diagnostics/debug_log_internal.h"
 #include "kestrel/debug_log.h"
 #include "kestrel/exception.h"
+#include "support/os.h"
 #include "support/scoped_tmpdir.h"
 
 using kestrel::KSDebugLog;
@@ -23,9 +25,9 @@ using kestrel_test::ScopedTmpdir;
 
 namespace {
 
-std::string readFile(const std::string& name) {
+std::string readFile(const std::filesystem::path& name) {
     std::ostringstream content;
-    content << std::ifstream(name, std::ios::binary).rdbuf();
+    content << std::ifstream(name).rdbuf();  // as text: line ends are \n on every system
     return content.str();
 }
 
@@ -109,7 +111,9 @@ TEST(KSDebugLogTest, BufferedFileIsCompleteAfterDestructionAndDebuggerSeesTheSam
         name = log.getFileName();
         EXPECT_EQ(std::filesystem::path(name).filename().string().rfind("VX", 0), 0u);
         EXPECT_TRUE(log.writeString("kept in the buffer"));
-        EXPECT_EQ(readFile(name), "");
+        if (!kestrel_test::runningUnderWine()) {  // its C runtime writes each fprintf through
+            EXPECT_EQ(readFile(name), "");
+        }
     }
     ASSERT_EQ(debuggerRecords.size(), 2u);
     EXPECT_EQ(readFile(name), debuggerRecords[0] + debuggerRecords[1]);
@@ -119,6 +123,17 @@ TEST(KSDebugLogTest, BufferedFileIsCompleteAfterDestructionAndDebuggerSeesTheSam
     EXPECT_TRUE(other.writeString("file only"));
     EXPECT_NE(readFile(other.getFileName()).find("file only"), std::string::npos);
     EXPECT_EQ(debuggerRecords.size(), 2u);
+}
+
+TEST(KSDebugLogTest, DebuggerRecordsReachTheSystemsDebuggerOutput) {
+    const std::optional<std::string> seen = kestrel_test::debuggerOutputOf([] {
+        KSDebugLog log(nullptr, true, true, KSDebugLog::LogToDebugger);
+        log.writeString("%d %s", 3, "apples");
+    });
+    if (!seen) {
+        GTEST_SKIP() << "the system does not let this process trace another";
+    }
+    EXPECT_EQ(textOf(*seen), "3 apples\n");
 }
 
 // Replaces the new file by a directory before opening it, as another
@@ -144,9 +159,10 @@ TEST(KSDebugLogTest, OpeningFailuresCarryTheSystemText) {
     {
         const ScopedTmpdir tmpdir;
         kestrel::detail::setFileOpenForTesting(&openAfterReplacingByDirectory);
-        EXPECT_EQ(
-            failureOf("ksdebuglog::fileOpen::cantopenfile"),
-            "ERROR: Unable to open the debug output file. " + std::string(std::strerror(EISDIR)));
+        const std::string text = kestrel_test::systemText(kestrel_test::kOpenedDirectory);
+        EXPECT_NE(text, "");
+        EXPECT_EQ(failureOf("ksdebuglog::fileOpen::cantopenfile"),
+                  "ERROR: Unable to open the debug output file. " + text);
         kestrel::detail::setFileOpenForTesting(nullptr);
 
         // Other failures of the foundation services pass through.
@@ -160,9 +176,11 @@ TEST(KSDebugLogTest, OpeningFailuresCarryTheSystemText) {
     const ScopedTmpdir refusing("/sys");
     const std::string message = failureOf("ksdebuglog:fileopen::accessDenied");
     const std::string head = "ERROR: Access denied creating temporary file name ";
-    EXPECT_TRUE(message == head + std::strerror(EACCES) || message == head + std::strerror(EPERM) ||
-                message == head + std::strerror(EROFS))
-        << message;
+    bool matched = false;
+    for (const kestrel_test::ErrorCode code : kestrel_test::kCreationRefused) {
+        matched = matched || message == head + kestrel_test::systemText(code);
+    }
+    EXPECT_TRUE(matched) << message;
 }
 
 }  // namespace

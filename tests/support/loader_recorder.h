@@ -2,8 +2,6 @@
 // and can make chosen calls fail without reaching the system.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <cstdio>
 
 #include <set>
@@ -11,6 +9,7 @@
 #include <vector>
 
 #include "plugins/loader_api.h"
+#include "support/os.h"
 
 namespace kestrel_test {
 
@@ -76,14 +75,5 @@ class LoaderRecorder {
         },
     };
 };
-
-// True when the library at path is loaded in the process.
-inline bool isLibraryLoaded(const std::string& path) {
-    void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr) {
-        ::dlclose(handle);
-    }
-    return handle != nullptr;
-}
 
 }  // namespace kestrel_test

@@ -1,12 +1,13 @@
-// Points TMPDIR at a fresh directory (or at a given path) while it lives.
+// Points the temporary-directory variable (TMPDIR; TMP on Windows) at a
+// fresh directory (or at a given path) while it lives.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <string>
+
+#include "support/os.h"
 
 namespace kestrel_test {
 
@@ -15,14 +16,14 @@ class ScopedTmpdir {
     // Without a path: a new directory, removed again with its contents.
     explicit ScopedTmpdir(std::string path = "") : _path(std::move(path)), _owned(_path.empty()) {
         if (_owned) {
-            _path = testing::TempDir() + "kestrel_tmpdir_" + std::to_string(::getpid());
+            _path = testing::TempDir() + "kestrel_tmpdir_" + std::to_string(processId());
             std::filesystem::remove_all(_path);
             std::filesystem::create_directories(_path);
         }
-        ::setenv("TMPDIR", _path.c_str(), 1);
+        setEnv(kTempDirVariable, _path.c_str());
     }
     ~ScopedTmpdir() {
-        ::unsetenv("TMPDIR");
+        unsetEnv(kTempDirVariable);
         if (_owned) {
             std::filesystem::remove_all(_path);
         }

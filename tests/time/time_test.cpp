@@ -6,6 +6,7 @@
 
 #include "kestrel/time.h"
 #include "support/fake_clock.h"
+#include "support/os.h"
 #include "support/timing.h"
 
 using namespace kestrel;
@@ -76,10 +77,10 @@ TEST(TimestampTest, NothingComparesTrueWithNaNAndEquivalenceIsStrict) {
 
 TEST(TimestampTest, TimeVectorIsLocalCalendarTime) {
     std::vector<double> v;
-    setenv("TZ", "XYZ-2", 1);  // two hours ahead of UTC
+    kestrel_test::setEnv("TZ", "XYZ-2");  // two hours ahead of UTC
     fcns::time::createTimeVector(1.5, v);
     EXPECT_EQ(v, (std::vector<double>{1970, 1, 1, 2, 0, 1.5}));
-    unsetenv("TZ");
+    kestrel_test::unsetEnv("TZ");
     for (const double bad : {0.0, -1.0, std::nan(""), 1e300}) {
         Timestamp(bad).getTimeVector(v);
         EXPECT_TRUE(v.empty()) << bad;

@@ -1,0 +1,28 @@
+// Windows: the C runtime's 64-bit local-time conversion, which applies the
+// TZ variable when it is set and the system's time zone otherwise.
+#include <ctime>
+
+#include "platform/local_time.h"
+
+namespace kestrel {
+namespace platform {
+
+bool toLocalCalendarTime(std::int64_t seconds, CalendarTime& out) {
+    // Pick up a TZ set or changed since the last conversion.
+    _tzset();
+    const __time64_t t = seconds;
+    std::tm local{};
+    if (_localtime64_s(&local, &t) != 0) {
+        return false;  // negative, or beyond the year 3000
+    }
+    out.year = std::int64_t{local.tm_year} + 1900;
+    out.month = local.tm_mon + 1;
+    out.day = local.tm_mday;
+    out.hour = local.tm_hour;
+    out.minute = local.tm_min;
+    out.second = local.tm_sec;
+    return true;
+}
+
+}  // namespace platform
+}  // namespace kestrel
