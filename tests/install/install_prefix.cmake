@@ -13,3 +13,16 @@ function(install_kestrel)
     file(REMOVE_RECURSE "${WORK_DIR}")
     run(${CMAKE_COMMAND} --install "${KESTREL_BUILD_DIR}" --prefix "${WORK_DIR}/prefix")
 endfunction()
+
+# run_program(<program> <args...>): runs a program built for the target; in a
+# cross build (EMULATOR given) through the emulator, with the scratch prefix's
+# bin folder, where the DLLs are, on its search path.
+function(run_program program)
+    if(EMULATOR)
+        string(REPLACE "|" ";" emulator "${EMULATOR}")
+        set(ENV{WINEPATH} "${TARGET_PREFIX}\\bin")
+        run(${emulator} "${program}${EXE_SUFFIX}" ${ARGN})
+    else()
+        run("${program}" ${ARGN})
+    endif()
+endfunction()

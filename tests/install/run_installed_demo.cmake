@@ -4,4 +4,4 @@
 include("${CMAKE_CURRENT_LIST_DIR}/install_prefix.cmake")
 
 install_kestrel()
-run("${WORK_DIR}/prefix/${BINDIR}/kestrel-demo")
+run_program("${WORK_DIR}/prefix/${BINDIR}/kestrel-demo")

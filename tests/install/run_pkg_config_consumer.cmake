@@ -19,6 +19,10 @@ separate_arguments(package_flags UNIX_COMMAND "${package_flags}")
 # The library's own (sanitizer) flags, so that a sanitized library links.
 separate_arguments(cxx_flags UNIX_COMMAND "${CXX_FLAGS}")
 separate_arguments(linker_flags UNIX_COMMAND "${EXE_LINKER_FLAGS}")
-run(${CXX_COMPILER} ${cxx_flags} -o "${WORK_DIR}/consumer" "${CONSUMER_SOURCE}"
+run(${CXX_COMPILER} ${cxx_flags} -o "${WORK_DIR}/consumer${EXE_SUFFIX}" "${CONSUMER_SOURCE}"
     ${package_flags} ${linker_flags})
-run("${WORK_DIR}/consumer" "${prefix}")
+if(TARGET_PREFIX)
+    run_program("${WORK_DIR}/consumer" "${TARGET_PREFIX}")
+else()
+    run_program("${WORK_DIR}/consumer" "${prefix}")
+endif()
