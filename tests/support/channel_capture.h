@@ -3,6 +3,7 @@
 #pragma once
 
 #include <foundation/log/diagnostic_logger.h>
+
 #include <boost/log/core/core.hpp>
 #include <boost/log/expressions.hpp>
 #include <boost/log/sinks/basic_sink_backend.hpp>
@@ -21,8 +22,7 @@ class ChannelCapture {
   public:
     ChannelCapture(const std::string& channel, unsigned int mask)
         : _channel(channel), _previousMask(foundation::log::severity_mask(channel)) {
-        namespace expr = boost::log::expressions;
-        _sink->set_filter(expr::attr<std::string>("Channel") == channel);
+        _sink->set_filter(boost::log::expressions::attr<std::string>("Channel") == channel);
         foundation::log::set_severity_mask(channel, mask);
         boost::log::core::get()->add_sink(_sink);
     }

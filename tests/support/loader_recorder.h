@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdio>
-
 #include <set>
 #include <string>
 #include <vector>
@@ -20,60 +19,54 @@ namespace kestrel_test {
 class LoaderRecorder {
   public:
     LoaderRecorder() {
-        calls().clear();
-        failing().clear();
+        _calls.clear();
+        _failing.clear();
         kestrel::detail::setLoaderApiForTesting(&api);
     }
     ~LoaderRecorder() { kestrel::detail::setLoaderApiForTesting(nullptr); }
 
     // Calls with this label return null (false) without reaching the system.
-    void fail(const std::string& label) { failing().insert(label); }
-    static std::vector<std::string>& calls() {
-        static std::vector<std::string> instance;
-        return instance;
-    }
+    void fail(const std::string& label) { _failing.insert(label); }
+    static std::vector<std::string>& calls() { return _calls; }
 
   private:
-    static std::set<std::string>& failing() {
-        static std::set<std::string> instance;
-        return instance;
-    }
-    static const kestrel::detail::LoaderApi& os() { return kestrel::detail::systemLoaderApi(); }
+    using Api = kestrel::detail::LoaderApi;
+    inline static std::vector<std::string> _calls;
+    inline static std::set<std::string> _failing;
+    static const Api api;
+
+    static const Api& os() { return kestrel::detail::systemLoaderApi(); }
     static std::string hex(std::uint32_t value) {
         char text[16];
         std::snprintf(text, sizeof text, "0x%x", value);
         return text;
     }
-    template <typename Result, typename Call>
-    static Result record(const std::string& label, Call call) {
-        const Result result = failing().count(label) == 0 ? call() : Result{};
-        calls().push_back(label + (result ? " ok" : " null"));
+    // The system's call, unless calls with this label fail.
+    template <auto function, typename... Args>
+    static auto call(const std::string& label, Args... args) {
+        decltype((os().*function)(args...)) result{};
+        if (_failing.count(label) == 0) {
+            result = (os().*function)(args...);
+        }
+        _calls.push_back(label + (result ? " ok" : " null"));
         return result;
     }
+};
 
-    static constexpr kestrel::detail::LoaderApi api = {
-        [](std::uint32_t mode) {
-            calls().push_back("SetErrorMode " + hex(mode));
-            return os().setErrorMode(mode);
-        },
-        [](const wchar_t* path) {
-            return record<void*>("LoadLibraryW", [&] { return os().loadLibrary(path); });
-        },
-        [](const wchar_t* path, void* reserved, std::uint32_t flags) {
-            return record<void*>("LoadLibraryExW " + hex(flags),
-                                 [&] { return os().loadLibraryEx(path, reserved, flags); });
-        },
-        [](const wchar_t* dir) {
-            return record<void*>("AddDllDirectory", [&] { return os().addDllDirectory(dir); });
-        },
-        [](void* module, const char* name) {
-            return record<void*>(std::string("GetProcAddress ") + name,
-                                 [&] { return os().getProcAddress(module, name); });
-        },
-        [](void* module) {
-            return record<bool>("FreeLibrary", [&] { return os().freeLibrary(module); });
-        },
-    };
+inline const LoaderRecorder::Api LoaderRecorder::api = {
+    [](std::uint32_t mode) {
+        _calls.push_back("SetErrorMode " + hex(mode));
+        return os().setErrorMode(mode);
+    },
+    [](const wchar_t* path) { return call<&Api::loadLibrary>("LoadLibraryW", path); },
+    [](const wchar_t* path, void* reserved, std::uint32_t flags) {
+        return call<&Api::loadLibraryEx>("LoadLibraryExW " + hex(flags), path, reserved, flags);
+    },
+    [](const wchar_t* dir) { return call<&Api::addDllDirectory>("AddDllDirectory", dir); },
+    [](void* module, const char* name) {
+        return call<&Api::getProcAddress>(std::string("GetProcAddress ") + name, module, name);
+    },
+    [](void* module) { return call<&Api::freeLibrary>("FreeLibrary", module); },
 };
 
 }  // namespace kestrel_test
