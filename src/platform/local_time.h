@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace kestrel {
 namespace platform {
@@ -14,6 +15,16 @@ struct CalendarTime {
     int minute;         // 0 to 59
     int second;         // 0 to 60 (60 only for a leap second)
 };
+
+// The fields of a C runtime calendar time, as CalendarTime counts them.
+inline CalendarTime fromCalendarFields(const std::tm& local) {
+    return CalendarTime{std::int64_t{local.tm_year} + 1900,
+                        local.tm_mon + 1,
+                        local.tm_mday,
+                        local.tm_hour,
+                        local.tm_min,
+                        local.tm_sec};
+}
 
 // Converts seconds since 1970-01-01 00:00:00 UTC to the local calendar time,
 // applying the process's current time-zone setting. False when the value

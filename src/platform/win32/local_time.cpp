@@ -15,12 +15,7 @@ bool toLocalCalendarTime(std::int64_t seconds, CalendarTime& out) {
     if (_localtime64_s(&local, &t) != 0) {
         return false;  // negative, or beyond the year 3000
     }
-    out.year = std::int64_t{local.tm_year} + 1900;
-    out.month = local.tm_mon + 1;
-    out.day = local.tm_mday;
-    out.hour = local.tm_hour;
-    out.minute = local.tm_min;
-    out.second = local.tm_sec;
+    out = fromCalendarFields(local);
     return true;
 }
 
