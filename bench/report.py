@@ -177,6 +177,12 @@ def number(v):
     return "%.3f" % v
 
 
+def short_name(contender):
+    """A kestrel contender's name without "kestrel", as a column label."""
+    name = contender[len("kestrel"):].strip()
+    return name.split(", ", 1)[1] if ", " in name else name
+
+
 def is_kestrel(contender):
     return contender.startswith("kestrel")
 
@@ -239,36 +245,38 @@ def report(context, results, markdown):
         out.append("")
         out.append(heading + spec["title"])
         for case, contenders in results[workload].items():
-            kestrel_names = [c for c in contenders if is_kestrel(c)]
-            kestrel = kestrel_names[0] if kestrel_names else None
+            kestrels = [c for c in contenders if is_kestrel(c)]
             header = [case]
             for m in spec["metrics"]:
                 header.append("%s [%s]" % (m.label, m.unit) if m.unit else m.label)
             ratio_metrics = [m for m in spec["metrics"] if m.ratio]
-            for m in ratio_metrics:
+            # One comparison column per kestrel contender and compared metric.
+            columns = [(k, m) for k in kestrels for m in ratio_metrics]
+            for k, m in columns:
                 direction = "higher" if m.better == HIGHER else "lower"
+                who = "kestrel" if len(kestrels) == 1 else short_name(k)
+                what = m.label if len(ratio_metrics) > 1 else ""
                 if m.difference:
-                    header.append("kestrel %s - %.1f ms - peer's [us] (%s is better)" % (
-                        m.label, TIMER_MARGIN_US / 1000.0, direction))
+                    header.append("%s %s - %.1f ms - peer's [us] (%s is better)" % (
+                        who, m.label, TIMER_MARGIN_US / 1000.0, direction))
                 else:
-                    header.append("kestrel/peer %s (%s is better)" % (
-                        m.label if len(ratio_metrics) > 1 else "", direction))
-            rows = [[h.replace("  ", " ") for h in header]]
+                    header.append(("%s/peer %s (%s is better)" % (who, what, direction))
+                                  .replace("  ", " "))
+            rows = [header]
             for contender, runs in contenders.items():
                 row = [contender]
                 for m in spec["metrics"]:
                     s = summary(runs, m)
                     row.append("-" if s is None else "%s ±%s" % (number(s[0]), number(s[1])))
-                for m in ratio_metrics:
-                    if kestrel is None or contender == kestrel:
+                for k, m in columns:
+                    if is_kestrel(contender):
                         row.append("")
                         continue
-                    text, verdict = ratio_cell(workload, case, contenders[kestrel], contender,
-                                               runs, m)
+                    text, verdict = ratio_cell(workload, case, contenders[k], contender, runs, m)
                     row.append(text)
                     if verdict:
-                        verdicts.append("%s, %s, vs %s: %s %s" % (
-                            workload, case, contender, text, verdict))
+                        verdicts.append("%s, %s, %s vs %s: %s %s" % (
+                            workload, case, k, contender, text, verdict))
                 rows.append(row)
             out.append("")
             out.append(render(rows, markdown))

@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -255,7 +256,9 @@ class KESTREL_API EventQueue {
     bool isProcessingThread() const;
 
   private:
-    using EventList = std::list<IEvent*>;
+    // A double-ended array: appending and popping the head allocate nothing
+    // per event, and a coalescing post replaces an entry in place.
+    using EventList = std::deque<IEvent*>;
     enum EventAction : std::int32_t { EVENT_POSTED = 1, EVENTS_PROCESSED = 2 };
 
     void processEvents(std::size_t maxEvents);

@@ -5,6 +5,7 @@
 // across threads, post an event to an EventThread instead.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -214,7 +215,9 @@ class KESTREL_API WorkThread : protected Thread {
     struct StartBarrier;
 
     std::unique_ptr<StateMutex> _stateMutex;
-    ThreadState _state;  // guarded by _stateMutex
+    // Written under _stateMutex; read without it, so that the frequent
+    // state checks (every post to an EventThread) cost no lock.
+    std::atomic<ThreadState> _state;
     std::unique_ptr<StartBarrier> _startBarrier;
     Event _stopEvent;  // auto reset
 };

@@ -66,15 +66,18 @@ void EventThread::starting() {
 }
 
 void EventThread::running() {
+    // Only this thread sets the queue pointer (in starting() and stopping()),
+    // so it reads the pointer without the lock: the lock keeps the queue
+    // alive for the other threads, and taking it for every pass would only
+    // make the passes contend with the posters.
+    EventQueue* const queue = _eventQueue.get();
     while (wait(_wakeEvent)) {
-        if (EventQueue* const queue = getEventQueue()) {
+        if (queue != nullptr) {
             queue->processEvents();
         }
     }
-    if (_stopProcessingMode == PROCESS_PENDING_EVENTS) {
-        if (EventQueue* const queue = getEventQueue()) {
-            queue->processEvents();
-        }
+    if (_stopProcessingMode == PROCESS_PENDING_EVENTS && queue != nullptr) {
+        queue->processEvents();
     }
 }
 

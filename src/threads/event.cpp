@@ -1,5 +1,3 @@
-#include <boost/thread/locks.hpp>
-
 #include "kestrel/threads.h"
 #include "threads/thread_support.h"
 
@@ -15,7 +13,7 @@ Event::~Event() = default;
 
 void Event::signal() {
     {
-        const boost::lock_guard<boost::mutex> lock(*_mutex);
+        const std::lock_guard<std::mutex> lock(*_mutex);
         _signalled = true;
     }
     // The flag is set before anyone is woken, so a waiter that has not yet
@@ -28,12 +26,12 @@ void Event::signal() {
 }
 
 void Event::reset() {
-    const boost::lock_guard<boost::mutex> lock(*_mutex);
+    const std::lock_guard<std::mutex> lock(*_mutex);
     _signalled = false;
 }
 
 void Event::wait() {
-    boost::unique_lock<boost::mutex> lock(*_mutex);
+    std::unique_lock<std::mutex> lock(*_mutex);
     while (!_signalled) {
         _condition->wait(lock);
     }

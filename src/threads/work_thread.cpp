@@ -78,13 +78,12 @@ bool WorkThread::isStopping() const {
 }
 
 WorkThread::ThreadState WorkThread::getState() const {
-    const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
-    return _state;
+    return _state.load(std::memory_order_acquire);
 }
 
 void WorkThread::setState(ThreadState state) {
     const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
-    _state = state;
+    _state.store(state, std::memory_order_release);
 }
 
 void WorkThread::cleanup() {
@@ -93,12 +92,12 @@ void WorkThread::cleanup() {
 }
 
 bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
-    const auto deadline = detail::steadyTimePoint(deadlineNanoseconds);
-    boost::unique_lock<boost::mutex> lock(*event._mutex);
+    const auto deadline = detail::waitClockTimePoint(deadlineNanoseconds);
+    std::unique_lock<std::mutex> lock(*event._mutex);
     // A deadline that has passed never reaches the condition variable: the
     // flag alone decides.
-    while (!event._signalled && detail::SteadyClock::now() < deadline) {
-        if (event._condition->wait_until(lock, deadline) == boost::cv_status::timeout) {
+    while (!event._signalled && detail::WaitClock::now() < deadline) {
+        if (event._condition->wait_until(lock, deadline) == std::cv_status::timeout) {
             break;
         }
     }
@@ -113,10 +112,10 @@ bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
 
 bool WorkThread::wait(Event& event) {
     for (;;) {
-        if (waitUntil(event, detail::steadyNowNanoseconds() + kWaitSliceNanoseconds)) {
+        if (waitUntil(event, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
             return true;
         }
-        if (waitUntil(_stopEvent, detail::steadyNowNanoseconds() + kWaitSliceNanoseconds)) {
+        if (waitUntil(_stopEvent, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
             return false;
         }
     }
@@ -128,7 +127,7 @@ bool WorkThread::wait(double seconds) {
         return false;
     }
     const std::int64_t deadline =
-        detail::steadyNowNanoseconds() + detail::roundedNanoseconds(seconds);
+        detail::waitClockNanoseconds() + detail::roundedNanoseconds(seconds);
     return !waitUntil(_stopEvent, deadline);
 }
 
