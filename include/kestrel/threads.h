@@ -138,7 +138,9 @@ class KESTREL_API Event {
     std::unique_ptr<Mutex> _mutex;
     std::unique_ptr<Condition> _condition;  // waited on together with _mutex
     const bool _manualReset;
-    bool _signalled;  // guarded by _mutex
+    // Read and written under _mutex; WorkThread's waits also peek at it
+    // without the lock before they block.
+    std::atomic<bool> _signalled;
 };
 
 // A thread with a managed life cycle. The owner calls start() and stop(); the

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -125,8 +126,16 @@ void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
     }
 }
 
+namespace {
+
+// processEvents(kEventsQueuedAtStart) serves as many events as are queued
+// when the pass begins, counted under the lock that starts the pass.
+constexpr std::size_t kEventsQueuedAtStart = std::numeric_limits<std::size_t>::max();
+
+}  // namespace
+
 void EventQueue::processEvents() {
-    processEvents(getEventCount());
+    processEvents(kEventsQueuedAtStart);
 }
 
 bool EventQueue::isProcessingThread() const {
@@ -140,6 +149,9 @@ void EventQueue::processEvents(std::size_t maxEvents) {
             return;
         }
         _processing = true;
+        if (maxEvents == kEventsQueuedAtStart) {
+            maxEvents = _events.size();
+        }
     }
     // Ends the pass even if something below throws (in practice only the
     // handler's notification can).

@@ -7,11 +7,58 @@
 
 namespace kestrel {
 
+namespace {
+
+// A post to an event thread wakes the thread only after it has released the
+// thread's lock and the queue's: woken under them, the thread would at once
+// block on the queue's lock and have to be woken a second time. While a post
+// runs, its thread carries one of these; the handler notes the wake-up in it
+// instead of signalling, and the post signals on its way out.
+class DeferredWake {
+  public:
+    explicit DeferredWake(Event& wakeEvent) : _wakeEvent(wakeEvent), _outer(current) {
+        current = this;
+    }
+    ~DeferredWake() {
+        current = _outer;
+        if (_pending) {
+            _wakeEvent.signal();
+        }
+    }
+    DeferredWake(const DeferredWake&) = delete;
+    DeferredWake& operator=(const DeferredWake&) = delete;
+
+    // Signals wakeEvent now, or notes it for the post of this thread that
+    // is under way for that event.
+    static void signal(Event& wakeEvent) {
+        for (DeferredWake* post = current; post != nullptr; post = post->_outer) {
+            if (&post->_wakeEvent == &wakeEvent) {
+                post->_pending = true;
+                return;
+            }
+        }
+        wakeEvent.signal();
+    }
+
+  private:
+    static thread_local DeferredWake* current;
+
+    Event& _wakeEvent;
+    DeferredWake* const _outer;  // a post under way further up this thread's stack
+    bool _pending = false;
+};
+
+thread_local DeferredWake* DeferredWake::current = nullptr;
+
+}  // namespace
+
 // Wakes the event thread whenever its queue has events to process.
 class EventThread::EventQueueHandler : public EventQueue::IEventQueueHandler {
   public:
     explicit EventQueueHandler(Event* wakeEvent) : _wakeEvent(wakeEvent) { _wakeEvent->reset(); }
-    void notifyEventsToProcess(std::size_t /*eventCount*/) const override { _wakeEvent->signal(); }
+    void notifyEventsToProcess(std::size_t /*eventCount*/) const override {
+        DeferredWake::signal(*_wakeEvent);
+    }
 
   private:
     Event* _wakeEvent;
@@ -41,8 +88,10 @@ bool EventThread::isRunning() const {
 
 void EventThread::postEvent(IEvent* const event, const IMatchEventFcn* const match,
                             const IMergeEventInfoFcn* const merge) {
-    // Declared before the lock: a refused event is destroyed after unlocking.
+    // Declared before the lock: a refused event is destroyed, and the thread
+    // woken, after unlocking.
     std::unique_ptr<IEvent> owned(event);
+    const DeferredWake wake(_wakeEvent);
     detail::OpaqueGuard lock(_mutex->mutex);
     if (owned && getState() == RUNNING && _eventQueue) {
         _eventQueue->postEvent(owned.release(), match, merge);

@@ -14,7 +14,7 @@ Event::~Event() = default;
 void Event::signal() {
     {
         const std::lock_guard<std::mutex> lock(*_mutex);
-        _signalled = true;
+        _signalled.store(true, std::memory_order_relaxed);
     }
     // The flag is set before anyone is woken, so a waiter that has not yet
     // blocked finds it when it tests.
@@ -27,16 +27,16 @@ void Event::signal() {
 
 void Event::reset() {
     const std::lock_guard<std::mutex> lock(*_mutex);
-    _signalled = false;
+    _signalled.store(false, std::memory_order_relaxed);
 }
 
 void Event::wait() {
     std::unique_lock<std::mutex> lock(*_mutex);
-    while (!_signalled) {
+    while (!_signalled.load(std::memory_order_relaxed)) {
         _condition->wait(lock);
     }
     if (!_manualReset) {
-        _signalled = false;
+        _signalled.store(false, std::memory_order_relaxed);
     }
 }
 

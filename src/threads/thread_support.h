@@ -11,6 +11,11 @@
 
 #include "kestrel/threads.h"
 
+#if defined(__x86_64__) || defined(__i386__) || defined(_M_X64) || defined(_M_IX86)
+#include <immintrin.h>
+#define KESTREL_HAVE_PAUSE 1
+#endif
+
 namespace kestrel {
 
 // The standard library's mutex and condition variable: a wake-up through
@@ -33,6 +38,13 @@ inline std::int64_t waitClockNanoseconds() {
 
 inline WaitClock::time_point waitClockTimePoint(std::int64_t nanoseconds) {
     return WaitClock::time_point(std::chrono::nanoseconds(nanoseconds));
+}
+
+// One round of a short busy wait: tells the processor that the thread spins.
+inline void cpuRelax() {
+#if defined(KESTREL_HAVE_PAUSE)
+    _mm_pause();
+#endif
 }
 
 // How far an unbounded wait reaches: 10^18 ns, about 31.7 years.

@@ -19,6 +19,10 @@ namespace {
 // The slice of each half of the alternating wait(Event&).
 constexpr std::int64_t kWaitSliceNanoseconds = 1000000;
 
+// How long wait(Event&) watches the flag before it blocks: about a
+// microsecond of pause instructions.
+constexpr int kWatchRounds = 100;
+
 }  // namespace
 
 WorkThread::WorkThread(Thread::ThreadPriority priority)
@@ -96,21 +100,30 @@ bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
     std::unique_lock<std::mutex> lock(*event._mutex);
     // A deadline that has passed never reaches the condition variable: the
     // flag alone decides.
-    while (!event._signalled && detail::WaitClock::now() < deadline) {
+    while (!event._signalled.load(std::memory_order_relaxed) &&
+           detail::WaitClock::now() < deadline) {
         if (event._condition->wait_until(lock, deadline) == std::cv_status::timeout) {
             break;
         }
     }
-    if (!event._signalled) {
+    if (!event._signalled.load(std::memory_order_relaxed)) {
         return false;
     }
     if (!event._manualReset) {
-        event._signalled = false;
+        event._signalled.store(false, std::memory_order_relaxed);
     }
     return true;
 }
 
 bool WorkThread::wait(Event& event) {
+    // A thread that waits for work usually gets it from threads that are
+    // producing right now: watching the flag for about a microsecond first
+    // saves both sides the cost of putting this thread to sleep and waking
+    // it again. The waits below decide as before; this only lets the first
+    // of them find the flag set.
+    for (int i = 0; i < kWatchRounds && !event._signalled.load(std::memory_order_relaxed); ++i) {
+        detail::cpuRelax();
+    }
     for (;;) {
         if (waitUntil(event, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
             return true;

@@ -178,15 +178,17 @@ class ClockCalibration {
         const bool _readersActive;
     };
 
+    // Release stores, read with acquire loads: a reader that sees any value
+    // of a section also sees that section's odd count when it checks.
     void publish() {
-        published.sources.store(sources, std::memory_order_relaxed);
-        published.state.store(state, std::memory_order_relaxed);
-        published.epoch.store(epoch, std::memory_order_relaxed);
-        published.stopwatchStart.store(stopwatchStart, std::memory_order_relaxed);
-        published.baseTime.store(baseTime, std::memory_order_relaxed);
-        published.systemGranularity.store(systemGranularity, std::memory_order_relaxed);
-        published.rate.store(rate, std::memory_order_relaxed);
-        published.deadline.store(deadline, std::memory_order_relaxed);
+        published.sources.store(sources, std::memory_order_release);
+        published.state.store(state, std::memory_order_release);
+        published.epoch.store(epoch, std::memory_order_release);
+        published.stopwatchStart.store(stopwatchStart, std::memory_order_release);
+        published.baseTime.store(baseTime, std::memory_order_release);
+        published.systemGranularity.store(systemGranularity, std::memory_order_release);
+        published.rate.store(rate, std::memory_order_release);
+        published.deadline.store(deadline, std::memory_order_release);
     }
 
     // The request of now() when it would change nothing: in the tracking
@@ -199,33 +201,34 @@ class ClockCalibration {
         if ((before & 1U) != 0) {
             return false;
         }
-        if (published.state.load(std::memory_order_relaxed) != Tracking) {
+        if (published.state.load(std::memory_order_acquire) != Tracking) {
             return false;
         }
-        ClockSources* const source = published.sources.load(std::memory_order_relaxed);
+        ClockSources* const source = published.sources.load(std::memory_order_acquire);
         if (source == nullptr) {
             return false;
         }
-        const double base = published.baseTime.load(std::memory_order_relaxed);
-        const double factor = published.rate.load(std::memory_order_relaxed);
+        const double base = published.baseTime.load(std::memory_order_acquire);
+        const double factor = published.rate.load(std::memory_order_acquire);
         const double x =
             static_cast<double>(source->steadyNanoseconds() -
-                                published.stopwatchStart.load(std::memory_order_relaxed)) /
+                                published.stopwatchStart.load(std::memory_order_acquire)) /
             kNanosecondsPerSecond;
-        if (x > published.deadline.load(std::memory_order_relaxed)) {
+        if (x > published.deadline.load(std::memory_order_acquire)) {
             return false;  // the sampling phase begins
         }
         if (x > kTrackingPeriod) {
             const double wallElapsed =
                 static_cast<double>(source->wallTicks() -
-                                    published.epoch.load(std::memory_order_relaxed)) /
+                                    published.epoch.load(std::memory_order_acquire)) /
                     kWallTicksPerSecond +
-                published.systemGranularity.load(std::memory_order_relaxed) * 0.5 - base;
+                published.systemGranularity.load(std::memory_order_acquire) * 0.5 - base;
             if (isJump(wallElapsed, x)) {
                 return false;
             }
         }
-        std::atomic_thread_fence(std::memory_order_acquire);
+        // The copy's loads are acquire loads, so this check follows them: a
+        // count still unchanged means no section overlapped the reads.
         if (sequence.load(std::memory_order_relaxed) != before) {
             return false;
         }
