@@ -10,11 +10,7 @@
 #include <mutex>
 
 #include "kestrel/threads.h"
-
-#if defined(__x86_64__) || defined(__i386__) || defined(_M_X64) || defined(_M_IX86)
-#include <immintrin.h>
-#define KESTREL_HAVE_PAUSE 1
-#endif
+#include "threads/cpu_relax.h"
 
 namespace kestrel {
 
@@ -38,13 +34,6 @@ inline std::int64_t waitClockNanoseconds() {
 
 inline WaitClock::time_point waitClockTimePoint(std::int64_t nanoseconds) {
     return WaitClock::time_point(std::chrono::nanoseconds(nanoseconds));
-}
-
-// One round of a short busy wait: tells the processor that the thread spins.
-inline void cpuRelax() {
-#if defined(KESTREL_HAVE_PAUSE)
-    _mm_pause();
-#endif
 }
 
 // How far an unbounded wait reaches: 10^18 ns, about 31.7 years.
