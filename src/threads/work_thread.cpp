@@ -82,12 +82,15 @@ bool WorkThread::isStopping() const {
 }
 
 WorkThread::ThreadState WorkThread::getState() const {
-    return _state.load(std::memory_order_acquire);
+    // Sequentially consistent, like the store: a poster to an EventThread
+    // counts itself and then reads the state, stopping() reads the count
+    // after the state has changed, and one of them must see the other.
+    return _state.load(std::memory_order_seq_cst);
 }
 
 void WorkThread::setState(ThreadState state) {
     const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
-    _state.store(state, std::memory_order_release);
+    _state.store(state, std::memory_order_seq_cst);
 }
 
 void WorkThread::cleanup() {
