@@ -34,6 +34,19 @@ class EventThread::EventQueueHandler : public EventQueue::IEventQueueHandler {
     std::atomic<bool>* _wakePending;
 };
 
+namespace {
+
+// Waits until no post or flush counted in posting is under way. Called by the
+// event thread once the state has left RUNNING: the posts it waits for are
+// short, and new ones refuse without touching the queue.
+void awaitPostsInProgress(const std::atomic<int>& posting) {
+    while (posting.load(std::memory_order_seq_cst) != 0) {
+        Thread::yield();
+    }
+}
+
+}  // namespace
+
 // Brackets a post or flush from any thread: counts it in _posting, so that
 // stopping() keeps the queue until it is done, and afterwards gives the
 // wake-up the queue asked for.
@@ -120,6 +133,9 @@ void EventThread::running() {
         }
     }
     if (_stopProcessingMode == PROCESS_PENDING_EVENTS && queue != nullptr) {
+        // The last pass also serves the posts that saw the thread running
+        // and are still under way.
+        awaitPostsInProgress(_posting);
         queue->processEvents();
     }
 }
@@ -127,9 +143,7 @@ void EventThread::running() {
 void EventThread::stopping() {
     // The state is STOPPING: posts and flushes that saw it RUNNING finish
     // before the queue goes; those that start now refuse.
-    while (_posting.load(std::memory_order_seq_cst) != 0) {
-        Thread::yield();
-    }
+    awaitPostsInProgress(_posting);
     detail::OpaqueGuard lock(_mutex->mutex);
     _eventQueue.reset();
 }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <boost/thread/barrier.hpp>
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/locks.hpp>
@@ -19,9 +20,17 @@ namespace {
 // The slice of each half of the alternating wait(Event&).
 constexpr std::int64_t kWaitSliceNanoseconds = 1000000;
 
-// How long wait(Event&) watches the flag before it blocks: about a
-// microsecond of pause instructions.
-constexpr int kWatchRounds = 100;
+// How long wait(Event&) watches the flag before it blocks, bounded by the
+// clock rather than by a number of rounds: a pause instruction takes from a
+// few cycles to hundreds of nanoseconds (in virtual machines that trap it).
+// Each work thread adapts its own watch between the bounds: it doubles after
+// a watch that saw the signal and shrinks by the shortest watch after one
+// that did not, so that a thread fed by a busy producer rarely sleeps (even
+// when only every other watch succeeds) and one that gets work only now and
+// then soon watches for no more than a microsecond.
+constexpr std::int64_t kShortestWatchNanoseconds = 1000;
+constexpr std::int64_t kLongestWatchNanoseconds = 16000;
+thread_local std::int64_t watchNanoseconds = kShortestWatchNanoseconds;
 
 }  // namespace
 
@@ -120,13 +129,19 @@ bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
 
 bool WorkThread::wait(Event& event) {
     // A thread that waits for work usually gets it from threads that are
-    // producing right now: watching the flag for about a microsecond first
+    // producing right now: watching the flag for some microseconds first
     // saves both sides the cost of putting this thread to sleep and waking
     // it again. The waits below decide as before; this only lets the first
     // of them find the flag set.
-    for (int i = 0; i < kWatchRounds && !event._signalled.load(std::memory_order_relaxed); ++i) {
+    const std::int64_t watchEnd = detail::waitClockNanoseconds() + watchNanoseconds;
+    while (!event._signalled.load(std::memory_order_relaxed) &&
+           detail::waitClockNanoseconds() < watchEnd) {
         detail::cpuRelax();
     }
+    watchNanoseconds =
+        event._signalled.load(std::memory_order_relaxed)
+            ? std::min(watchNanoseconds * 2, kLongestWatchNanoseconds)
+            : std::max(watchNanoseconds - kShortestWatchNanoseconds, kShortestWatchNanoseconds);
     for (;;) {
         if (waitUntil(event, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
             return true;
