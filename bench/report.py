@@ -210,9 +210,10 @@ def ratio_cell(workload, case, kestrel_runs, peer, peer_runs, metric):
 
 def render(rows, markdown):
     if markdown:
-        lines = ["| " + " | ".join(rows[0]) + " |",
-                 "|" + "|".join("---" for _ in rows[0]) + "|"]
-        lines += ["| " + " | ".join(r) + " |" for r in rows[1:]]
+        def line(cells):
+            return "| " + " | ".join(c.replace("|", "\\|") for c in cells) + " |"
+        lines = [line(rows[0]), "|" + "|".join("---" for _ in rows[0]) + "|"]
+        lines += [line(r) for r in rows[1:]]
         return "\n".join(lines)
     widths = [max(len(r[i]) for r in rows) for i in range(len(rows[0]))]
     out = []
