@@ -380,15 +380,17 @@ class KESTREL_API EventThread : protected WorkThread {
     // count in _posting and see the state RUNNING.
     std::unique_ptr<EventQueue> _eventQueue;
     Event _wakeEvent;  // auto reset; signalled for the queue's handler
+    // Posts and flushes that may use the queue; stopping() waits until none
+    // is left before it destroys the queue.
+    //
+    // Every post writes this count and reads the flag below, so the two have
+    // a cache line of their own: the event thread writes _wakeEvent's flag
+    // on every pass and would otherwise take that line from each post.
+    alignas(64) std::atomic<int> _posting;
     // The queue's handler asked for a wake-up that is still to be given: the
     // thread that made the call which notified gives it once it has left the
     // queue's lock.
     std::atomic<bool> _wakePending;
-    // Posts and flushes that may use the queue; stopping() waits until none
-    // is left before it destroys the queue. Every post writes it, so it has a
-    // cache line of its own: the event thread, watching _wakeEvent's flag
-    // nearby, would otherwise lose that line to each post.
-    alignas(64) std::atomic<int> _posting;
 };
 
 // A read cursor over a container that holds the container owner's lock for

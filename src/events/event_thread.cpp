@@ -73,8 +73,8 @@ EventThread::EventThread(StopProcessingMode mode)
       _stopProcessingMode(mode),
       _mutex(std::make_unique<detail::OpaqueMutex>()),
       _wakeEvent(false, false),
-      _wakePending(false),
-      _posting(0) {}
+      _posting(0),
+      _wakePending(false) {}
 
 EventThread::~EventThread() {
     WorkThread::stop();
