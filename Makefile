@@ -103,3 +103,27 @@ memcheck:
 test-windows:
 	@scripts/install-deps windows
 	JOBS=$(JOBS) scripts/test-windows $(CTEST_ARGS)
+
+# ---- benchmarks: kestrel against Boost.Asio, POCO and the standard library ----
+# `make bench` installs what is missing, builds the library and bench/ in
+# Release under build/bench, runs every workload with interleaved repetitions
+# (raw JSON: build/bench/results.json) and prints one table per workload
+# (also kept in build/bench/report.txt). See docs/performance.md.
+BENCH_DIR := build/bench
+BENCH_REPETITIONS ?= 9
+BENCH_FLAGS ?=
+
+.PHONY: bench bench-build
+bench-build:
+	@scripts/install-deps bench
+	@cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DKESTREL_BUILD_BENCH=ON \
+		-DKESTREL_BUILD_TESTS=OFF -DKESTREL_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build $(BENCH_DIR) -j $(JOBS) --target kestrel-bench
+
+bench: bench-build
+	@echo "bench: $(BENCH_REPETITIONS) interleaved repetitions of every workload (a few minutes; load average now: $$(cut -d' ' -f1 /proc/loadavg))"
+	@$(BENCH_DIR)/bin/kestrel-bench --benchmark_repetitions=$(BENCH_REPETITIONS) \
+		--benchmark_enable_random_interleaving=true \
+		--benchmark_out=$(BENCH_DIR)/results.json --benchmark_out_format=json \
+		$(BENCH_FLAGS) > $(BENCH_DIR)/console.txt
+	@python3 bench/report.py $(BENCH_DIR)/results.json | tee $(BENCH_DIR)/report.txt

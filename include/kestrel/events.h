@@ -10,8 +10,10 @@
 // destroys it. Never touch an event after handing it over.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -258,7 +260,9 @@ class KESTREL_API EventQueue {
     bool isProcessingThread() const;
 
   private:
-    using EventList = std::list<IEvent*>;
+    // A double-ended array: appending and popping the head allocate nothing
+    // per event, and a coalescing post replaces an entry in place.
+    using EventList = std::deque<IEvent*>;
     enum EventAction : std::int32_t { EVENT_POSTED = 1, EVENTS_PROCESSED = 2 };
 
     void processEvents(std::size_t maxEvents);
@@ -330,11 +334,10 @@ class KESTREL_API EventManager {
 // events that are still queued when the wait loop ends: PROCESS_PENDING_EVENTS
 // runs one more pass over them, any other value destroys them unexecuted.
 //
-// A post or flush that has found the thread running holds the thread's lock
-// until it is done, so a concurrent stop() waits for it instead of destroying
-// the queue beneath it. Match and merge objects and the destructors of
-// replaced or flushed events therefore run under the thread's lock: they must
-// not wait for this thread.
+// A post or flush that has found the thread running is waited for by a
+// concurrent stop(), which destroys the queue only once it is done. Match and
+// merge objects and the destructors of replaced or flushed events therefore
+// must not wait for this thread.
 //
 // Thread safety: start(), stop() and destruction belong to one owner thread
 //   (never the event thread); postEvent(), flushEvents() and isRunning() may be
@@ -379,10 +382,25 @@ class KESTREL_API EventThread : protected WorkThread {
     void stopping() override;
     EventQueue* getEventQueue() const;
 
+    class PostInProgress;
+
     const StopProcessingMode _stopProcessingMode;
     std::unique_ptr<detail::OpaqueMutex> _mutex;
-    std::unique_ptr<EventQueue> _eventQueue;  // guarded by _mutex
-    Event _wakeEvent;                         // auto reset; signalled by the queue's handler
+    // Set under _mutex, by this thread only; other threads use it while they
+    // count in _posting and see the state RUNNING.
+    std::unique_ptr<EventQueue> _eventQueue;
+    Event _wakeEvent;  // auto reset; signalled for the queue's handler
+    // Posts and flushes that may use the queue; stopping() waits until none
+    // is left before it destroys the queue.
+    //
+    // Every post writes this count and reads the flag below, so the two have
+    // a cache line of their own: the event thread writes _wakeEvent's flag
+    // on every pass and would otherwise take that line from each post.
+    alignas(64) std::atomic<int> _posting;
+    // The queue's handler asked for a wake-up that is still to be given: the
+    // thread that made the call which notified gives it once it has left the
+    // queue's lock.
+    std::atomic<bool> _wakePending;
 };
 
 // A read cursor over a container that holds the container owner's lock for

@@ -5,6 +5,7 @@
 // across threads, post an event to an EventThread instead.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -144,7 +145,9 @@ class KESTREL_API Event {
     std::unique_ptr<Mutex> _mutex;
     std::unique_ptr<Condition> _condition;  // waited on together with _mutex
     const bool _manualReset;
-    bool _signalled;  // guarded by _mutex
+    // Read and written under _mutex; WorkThread's waits also peek at it
+    // without the lock before they block.
+    std::atomic<bool> _signalled;
 };
 
 // A thread with a managed life cycle. The owner calls start() and stop(); the
@@ -227,7 +230,9 @@ class KESTREL_API WorkThread : protected Thread {
     struct StartBarrier;
 
     std::unique_ptr<StateMutex> _stateMutex;
-    ThreadState _state;  // guarded by _stateMutex
+    // Written under _stateMutex; read without it, so that the frequent
+    // state checks (every post to an EventThread) cost no lock.
+    std::atomic<ThreadState> _state;
     std::unique_ptr<StartBarrier> _startBarrier;
     Event _stopEvent;  // auto reset
 };

@@ -1,7 +1,11 @@
+#include <algorithm>
+#include <cstddef>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "events/opaque_mutex.h"
 #include "kestrel/events.h"
@@ -14,18 +18,21 @@ namespace {
 // the events a flush moved aside when a match object threw, or was cut short.
 class EventListGuard {
   public:
-    explicit EventListGuard(std::list<IEvent*>& events) : _events(events) {}
+    explicit EventListGuard(std::vector<IEvent*>& events) : _events(events) {}
     EventListGuard(const EventListGuard&) = delete;
     EventListGuard& operator=(const EventListGuard&) = delete;
     ~EventListGuard() {
-        while (!_events.empty()) {
-            std::unique_ptr<IEvent> event(_events.front());
-            _events.pop_front();
+        for (std::size_t i = _next; i < _events.size(); ++i) {
+            std::unique_ptr<IEvent> event(_events[i]);
         }
     }
+    // Hands out the events in order; those not yet handed out are the
+    // guard's to destroy.
+    IEvent* take() { return _next < _events.size() ? _events[_next++] : nullptr; }
 
   private:
-    std::list<IEvent*>& _events;
+    std::vector<IEvent*>& _events;
+    std::size_t _next = 0;
 };
 
 }  // namespace
@@ -82,28 +89,53 @@ void EventQueue::postEvent(IEvent* const event, const IMatchEventFcn* const matc
 }
 
 void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
-    EventList flushed;
+    std::vector<IEvent*> flushed;
     EventListGuard guard(flushed);
     {
         detail::OpaqueGuard lock(_mutex->mutex);
-        for (EventList::iterator it = _events.begin(); it != _events.end();) {
-            const EventList::iterator current = it++;
-            if (match(*current)) {
-                flushed.splice(flushed.end(), _events, current);
+        // Compacts the kept events towards the head in one pass. Should match
+        // throw, the events not yet looked at close the gap, so that the queue
+        // keeps every event that was not moved aside, in order.
+        std::size_t kept = 0;
+        std::size_t next = 0;
+        struct CloseGap {
+            EventList& events;
+            std::size_t& kept;
+            std::size_t& next;
+            ~CloseGap() {
+                const auto rest = events.begin() + static_cast<std::ptrdiff_t>(next);
+                const auto to = events.begin() + static_cast<std::ptrdiff_t>(kept);
+                events.erase(std::move(rest, events.end(), to), events.end());
+            }
+        } closeGap{_events, kept, next};
+        flushed.reserve(_events.size());
+        for (; next < _events.size(); ++next) {
+            IEvent* const event = _events[next];
+            if (match(event)) {
+                flushed.push_back(event);
+            } else {
+                _events[kept++] = event;
             }
         }
     }
-    while (!flushed.empty()) {
-        std::unique_ptr<IEvent> event(flushed.front());
-        flushed.pop_front();
+    while (IEvent* const next = guard.take()) {
+        std::unique_ptr<IEvent> event(next);
         if (service) {
             processEvent(event);
         }
     }
 }
 
+namespace {
+
+// processEvents(kEventsQueuedAtStart) serves as many events as are queued
+// when the pass begins, counted under the lock that starts the pass.
+constexpr std::size_t kEventsQueuedAtStart = std::numeric_limits<std::size_t>::max();
+
+}  // namespace
+
 void EventQueue::processEvents() {
-    processEvents(getEventCount());
+    processEvents(kEventsQueuedAtStart);
 }
 
 bool EventQueue::isProcessingThread() const {
@@ -117,6 +149,9 @@ void EventQueue::processEvents(std::size_t maxEvents) {
             return;
         }
         _processing = true;
+        if (maxEvents == kEventsQueuedAtStart) {
+            maxEvents = _events.size();
+        }
     }
     // Ends the pass even if something below throws (in practice only the
     // handler's notification can).
@@ -131,11 +166,14 @@ void EventQueue::processEvents(std::size_t maxEvents) {
         }
     } passEnd{*this, false};
 
-    for (std::size_t served = 0; served < maxEvents && getEventCount() > 0; ++served) {
+    // popEvent() reads the count and takes the head under one lock: null
+    // when the queue is empty (also when another thread flushed it meanwhile).
+    for (std::size_t served = 0; served < maxEvents; ++served) {
         std::unique_ptr<IEvent> event(popEvent());
-        if (event) {
-            processEvent(event);
+        if (!event) {
+            break;
         }
+        processEvent(event);
     }
     // Notifying and leaving the pass under one lock: an event posted right
     // after the pass ends sees _processing false and notifies by itself.

@@ -7,21 +7,74 @@
 
 namespace kestrel {
 
-// Wakes the event thread whenever its queue has events to process.
+// Asks for a wake-up of the event thread whenever its queue has events to
+// process. The queue calls it under its lock; a signal given there would wake
+// the thread only to block it at once on that lock, so the handler just notes
+// the request, and the thread that made the queue call signals once it has
+// left the lock (see PostInProgress and running()).
 class EventThread::EventQueueHandler : public EventQueue::IEventQueueHandler {
   public:
-    explicit EventQueueHandler(Event* wakeEvent) : _wakeEvent(wakeEvent) { _wakeEvent->reset(); }
-    void notifyEventsToProcess(std::size_t /*eventCount*/) const override { _wakeEvent->signal(); }
+    EventQueueHandler(Event* wakeEvent, std::atomic<bool>* wakePending)
+        : _wakeEvent(wakeEvent), _wakePending(wakePending) {
+        _wakeEvent->reset();
+    }
+    void notifyEventsToProcess(std::size_t /*eventCount*/) const override {
+        _wakePending->store(true, std::memory_order_release);
+    }
+    // Gives the wake-up that a call of the queue asked for, if any.
+    static void wakeIfPending(Event& wakeEvent, std::atomic<bool>& wakePending) {
+        if (wakePending.load(std::memory_order_relaxed) &&
+            wakePending.exchange(false, std::memory_order_acq_rel)) {
+            wakeEvent.signal();
+        }
+    }
 
   private:
     Event* _wakeEvent;
+    std::atomic<bool>* _wakePending;
+};
+
+namespace {
+
+// Waits until no post or flush counted in posting is under way. Called by the
+// event thread once the state has left RUNNING: the posts it waits for are
+// short, and new ones refuse without touching the queue.
+void awaitPostsInProgress(const std::atomic<int>& posting) {
+    while (posting.load(std::memory_order_seq_cst) != 0) {
+        Thread::yield();
+    }
+}
+
+}  // namespace
+
+// Brackets a post or flush from any thread: counts it in _posting, so that
+// stopping() keeps the queue until it is done, and afterwards gives the
+// wake-up the queue asked for.
+class EventThread::PostInProgress {
+  public:
+    explicit PostInProgress(EventThread& thread) : _thread(thread) {
+        // Counted before the state is read: stopping() runs after the state
+        // has left RUNNING, so it sees every post that still saw RUNNING.
+        _thread._posting.fetch_add(1, std::memory_order_seq_cst);
+    }
+    ~PostInProgress() {
+        _thread._posting.fetch_sub(1, std::memory_order_release);
+        EventQueueHandler::wakeIfPending(_thread._wakeEvent, _thread._wakePending);
+    }
+    PostInProgress(const PostInProgress&) = delete;
+    PostInProgress& operator=(const PostInProgress&) = delete;
+
+  private:
+    EventThread& _thread;
 };
 
 EventThread::EventThread(StopProcessingMode mode)
     : WorkThread(Thread::NORMAL_PRIORITY),
       _stopProcessingMode(mode),
       _mutex(std::make_unique<detail::OpaqueMutex>()),
-      _wakeEvent(false, false) {}
+      _wakeEvent(false, false),
+      _posting(0),
+      _wakePending(false) {}
 
 EventThread::~EventThread() {
     WorkThread::stop();
@@ -41,16 +94,16 @@ bool EventThread::isRunning() const {
 
 void EventThread::postEvent(IEvent* const event, const IMatchEventFcn* const match,
                             const IMergeEventInfoFcn* const merge) {
-    // Declared before the lock: a refused event is destroyed after unlocking.
+    // Declared first: a refused event is destroyed once the post is over.
     std::unique_ptr<IEvent> owned(event);
-    detail::OpaqueGuard lock(_mutex->mutex);
+    const PostInProgress post(*this);
     if (owned && getState() == RUNNING && _eventQueue) {
         _eventQueue->postEvent(owned.release(), match, merge);
     }
 }
 
 void EventThread::flushEvents(const IMatchEventFcn& match) {
-    detail::OpaqueGuard lock(_mutex->mutex);
+    const PostInProgress flush(*this);
     if (getState() == RUNNING && _eventQueue) {
         _eventQueue->flushEvents(match, false);
     }
@@ -60,25 +113,37 @@ void EventThread::starting() {
     std::unique_ptr<EventQueue> previous;
     detail::OpaqueGuard lock(_mutex->mutex);
     // An empty processing-thread test makes this thread the queue's own.
-    auto queue =
-        std::make_unique<EventQueue>(new EventQueueHandler(&_wakeEvent), std::function<bool()>());
+    _wakePending.store(false, std::memory_order_relaxed);
+    auto queue = std::make_unique<EventQueue>(new EventQueueHandler(&_wakeEvent, &_wakePending),
+                                              std::function<bool()>());
     previous = std::exchange(_eventQueue, std::move(queue));
 }
 
 void EventThread::running() {
+    // Only this thread sets the queue pointer (in starting() and stopping()),
+    // so it reads the pointer without the lock: the lock keeps the queue
+    // alive for the other threads, and taking it for every pass would only
+    // make the passes contend with the posters.
+    EventQueue* const queue = _eventQueue.get();
     while (wait(_wakeEvent)) {
-        if (EventQueue* const queue = getEventQueue()) {
+        if (queue != nullptr) {
             queue->processEvents();
+            // Events left or posted during the pass: run another one.
+            EventQueueHandler::wakeIfPending(_wakeEvent, _wakePending);
         }
     }
-    if (_stopProcessingMode == PROCESS_PENDING_EVENTS) {
-        if (EventQueue* const queue = getEventQueue()) {
-            queue->processEvents();
-        }
+    if (_stopProcessingMode == PROCESS_PENDING_EVENTS && queue != nullptr) {
+        // The last pass also serves the posts that saw the thread running
+        // and are still under way.
+        awaitPostsInProgress(_posting);
+        queue->processEvents();
     }
 }
 
 void EventThread::stopping() {
+    // The state is STOPPING: posts and flushes that saw it RUNNING finish
+    // before the queue goes; those that start now refuse.
+    awaitPostsInProgress(_posting);
     detail::OpaqueGuard lock(_mutex->mutex);
     _eventQueue.reset();
 }

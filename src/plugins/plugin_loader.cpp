@@ -56,7 +56,9 @@ ustring PluginLoader::preProcessPath(const ustring& path, const ustring& pathSep
     if (!pathSeparator.empty() && pathSeparator != u"\\") {
         for (std::size_t position = result.find(pathSeparator); position != ustring::npos;
              position = result.find(pathSeparator, position + 1)) {
-            result.replace(position, pathSeparator.size(), u"\\");
+            // (count, character): GCC 12 at -O2 warns falsely (-Wrestrict) about
+            // the replace() that takes a text.
+            result.replace(position, pathSeparator.size(), 1, u'\\');
         }
     }
     const std::size_t dot = result.rfind(u'.');

@@ -1,5 +1,3 @@
-#include <boost/thread/locks.hpp>
-
 #include "kestrel/threads.h"
 #include "threads/thread_support.h"
 
@@ -15,8 +13,8 @@ Event::~Event() = default;
 
 void Event::signal() {
     {
-        const boost::lock_guard<boost::mutex> lock(*_mutex);
-        _signalled = true;
+        const std::lock_guard<std::mutex> lock(*_mutex);
+        _signalled.store(true, std::memory_order_relaxed);
     }
     // The flag is set before anyone is woken, so a waiter that has not yet
     // blocked finds it when it tests.
@@ -28,17 +26,17 @@ void Event::signal() {
 }
 
 void Event::reset() {
-    const boost::lock_guard<boost::mutex> lock(*_mutex);
-    _signalled = false;
+    const std::lock_guard<std::mutex> lock(*_mutex);
+    _signalled.store(false, std::memory_order_relaxed);
 }
 
 void Event::wait() {
-    boost::unique_lock<boost::mutex> lock(*_mutex);
-    while (!_signalled) {
+    std::unique_lock<std::mutex> lock(*_mutex);
+    while (!_signalled.load(std::memory_order_relaxed)) {
         _condition->wait(lock);
     }
     if (!_manualReset) {
-        _signalled = false;
+        _signalled.store(false, std::memory_order_relaxed);
     }
 }
 

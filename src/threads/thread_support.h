@@ -3,19 +3,38 @@
 #pragma once
 
 #include <boost/chrono/system_clocks.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 #include "kestrel/threads.h"
+#include "threads/cpu_relax.h"
 
 namespace kestrel {
 
-struct Event::Mutex : boost::mutex {};
-struct Event::Condition : boost::condition_variable {};
+// The standard library's mutex and condition variable: a wake-up through
+// Boost's condition variable takes a second, internal mutex on both sides
+// (for thread interruption, which no Event wait offers), which doubles the
+// cost of a signal-and-wake round trip.
+struct Event::Mutex : std::mutex {};
+struct Event::Condition : std::condition_variable {};
 
 namespace detail {
+
+// The clock of the timed waits on an Event, in nanoseconds: the standard
+// steady clock, which the condition variable waits on directly.
+using WaitClock = std::chrono::steady_clock;
+
+inline std::int64_t waitClockNanoseconds() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(WaitClock::now().time_since_epoch())
+        .count();
+}
+
+inline WaitClock::time_point waitClockTimePoint(std::int64_t nanoseconds) {
+    return WaitClock::time_point(std::chrono::nanoseconds(nanoseconds));
+}
 
 // How far an unbounded wait reaches: 10^18 ns, about 31.7 years.
 constexpr std::int64_t kUnboundedNanoseconds = 1000000000000000000;

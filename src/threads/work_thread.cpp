@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <boost/thread/barrier.hpp>
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/locks.hpp>
@@ -18,6 +19,18 @@ namespace {
 
 // The slice of each half of the alternating wait(Event&).
 constexpr std::int64_t kWaitSliceNanoseconds = 1000000;
+
+// How long wait(Event&) watches the flag before it blocks, bounded by the
+// clock rather than by a number of rounds: a pause instruction takes from a
+// few cycles to hundreds of nanoseconds (in virtual machines that trap it).
+// Each work thread adapts its own watch between the bounds: it doubles after
+// a watch that saw the signal and shrinks by the shortest watch after one
+// that did not, so that a thread fed by a busy producer rarely sleeps (even
+// when only every other watch succeeds) and one that gets work only now and
+// then soon watches for no more than a microsecond.
+constexpr std::int64_t kShortestWatchNanoseconds = 1000;
+constexpr std::int64_t kLongestWatchNanoseconds = 16000;
+thread_local std::int64_t watchNanoseconds = kShortestWatchNanoseconds;
 
 }  // namespace
 
@@ -78,13 +91,15 @@ bool WorkThread::isStopping() const {
 }
 
 WorkThread::ThreadState WorkThread::getState() const {
-    const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
-    return _state;
+    // Sequentially consistent, like the store: a poster to an EventThread
+    // counts itself and then reads the state, stopping() reads the count
+    // after the state has changed, and one of them must see the other.
+    return _state.load(std::memory_order_seq_cst);
 }
 
 void WorkThread::setState(ThreadState state) {
     const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
-    _state = state;
+    _state.store(state, std::memory_order_seq_cst);
 }
 
 void WorkThread::cleanup() {
@@ -93,30 +108,45 @@ void WorkThread::cleanup() {
 }
 
 bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
-    const auto deadline = detail::steadyTimePoint(deadlineNanoseconds);
-    boost::unique_lock<boost::mutex> lock(*event._mutex);
+    const auto deadline = detail::waitClockTimePoint(deadlineNanoseconds);
+    std::unique_lock<std::mutex> lock(*event._mutex);
     // A deadline that has passed never reaches the condition variable: the
     // flag alone decides.
-    while (!event._signalled && detail::SteadyClock::now() < deadline) {
-        if (event._condition->wait_until(lock, deadline) == boost::cv_status::timeout) {
+    while (!event._signalled.load(std::memory_order_relaxed) &&
+           detail::WaitClock::now() < deadline) {
+        if (event._condition->wait_until(lock, deadline) == std::cv_status::timeout) {
             break;
         }
     }
-    if (!event._signalled) {
+    if (!event._signalled.load(std::memory_order_relaxed)) {
         return false;
     }
     if (!event._manualReset) {
-        event._signalled = false;
+        event._signalled.store(false, std::memory_order_relaxed);
     }
     return true;
 }
 
 bool WorkThread::wait(Event& event) {
+    // A thread that waits for work usually gets it from threads that are
+    // producing right now: watching the flag for some microseconds first
+    // saves both sides the cost of putting this thread to sleep and waking
+    // it again. The waits below decide as before; this only lets the first
+    // of them find the flag set.
+    const std::int64_t watchEnd = detail::waitClockNanoseconds() + watchNanoseconds;
+    while (!event._signalled.load(std::memory_order_relaxed) &&
+           detail::waitClockNanoseconds() < watchEnd) {
+        detail::cpuRelax();
+    }
+    watchNanoseconds =
+        event._signalled.load(std::memory_order_relaxed)
+            ? std::min(watchNanoseconds * 2, kLongestWatchNanoseconds)
+            : std::max(watchNanoseconds - kShortestWatchNanoseconds, kShortestWatchNanoseconds);
     for (;;) {
-        if (waitUntil(event, detail::steadyNowNanoseconds() + kWaitSliceNanoseconds)) {
+        if (waitUntil(event, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
             return true;
         }
-        if (waitUntil(_stopEvent, detail::steadyNowNanoseconds() + kWaitSliceNanoseconds)) {
+        if (waitUntil(_stopEvent, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
             return false;
         }
     }
@@ -128,7 +158,7 @@ bool WorkThread::wait(double seconds) {
         return false;
     }
     const std::int64_t deadline =
-        detail::steadyNowNanoseconds() + detail::roundedNanoseconds(seconds);
+        detail::waitClockNanoseconds() + detail::roundedNanoseconds(seconds);
     return !waitUntil(_stopEvent, deadline);
 }
 

@@ -1,6 +1,7 @@
 #include "time/process_clock.h"
 
 #include <algorithm>
+#include <atomic>
 #include <boost/chrono/system_clocks.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/recursive_mutex.hpp>
@@ -80,10 +81,24 @@ class RatioSamples {
 // The process-wide clock state. Times called x are stopwatch seconds since
 // calibration; every member is guarded by calibrationLock, which each
 // request holds throughout.
+//
+// Except in one case: a request in the tracking state that neither reaches
+// the deadline nor finds a wall-clock jump changes nothing; it only computes
+// baseTime + x * rate. Such requests read a published copy of the state
+// instead, without the lock, guarded by a sequence count (a seqlock): every
+// locked section makes the count odd before it reads a clock and even again
+// once the copy is up to date. A reader whose count did not change has
+// computed exactly what a locked request would have at the moment of its
+// clock reads; in every other case it takes the lock and runs the full step.
 class ClockCalibration {
   public:
     double now() {
+        double time = 0.0;
+        if (tryUnchangingRequest(time)) {
+            return time;
+        }
         boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
         }
@@ -93,6 +108,7 @@ class ClockCalibration {
 
     double getSystemGranularity() {
         boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
         }
@@ -101,6 +117,7 @@ class ClockCalibration {
 
     void reset(ClockSources* replacement) {
         boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        const WriteSection section(*this);
         sources = replacement != nullptr ? replacement : &systemSources;
         state = Uncalibrated;
         rate = targetRate = previousRate = 1.0;
@@ -114,6 +131,118 @@ class ClockCalibration {
     }
 
   private:
+    // What the unlocked requests need, copied from the guarded members.
+    struct Published {
+        std::atomic<ClockSources*> sources{nullptr};
+        std::atomic<std::int32_t> state{Uncalibrated};
+        std::atomic<std::int64_t> epoch{0};
+        std::atomic<std::int64_t> stopwatchStart{0};
+        std::atomic<double> baseTime{0.0};
+        std::atomic<double> systemGranularity{0.0};
+        std::atomic<double> rate{1.0};
+        std::atomic<double> deadline{0.0};
+    };
+
+    // Brackets a locked section. Unlocked readers only work while the
+    // published state is tracking, so only then must the section make the
+    // count odd, before its first clock read; a section that leaves the
+    // state tracking, or brings it there, publishes the new values under an
+    // odd count. Sections that go from one other state to another (sampling
+    // and blending requests) touch neither the count nor the copy.
+    class WriteSection {
+      public:
+        explicit WriteSection(ClockCalibration& clock)
+            : _clock(clock),
+              _readersActive(clock.published.state.load(std::memory_order_relaxed) == Tracking) {
+            if (_readersActive) {
+                // A read-modify-write: the odd count is visible to every
+                // reader before this section reads any clock.
+                _clock.sequence.fetch_add(1, std::memory_order_seq_cst);
+            }
+        }
+        ~WriteSection() {
+            if (!_readersActive && _clock.state != Tracking) {
+                return;
+            }
+            if (!_readersActive) {
+                _clock.sequence.fetch_add(1, std::memory_order_seq_cst);
+            }
+            _clock.publish();
+            _clock.sequence.fetch_add(1, std::memory_order_release);
+        }
+        WriteSection(const WriteSection&) = delete;
+        WriteSection& operator=(const WriteSection&) = delete;
+
+      private:
+        ClockCalibration& _clock;
+        const bool _readersActive;
+    };
+
+    // Release stores, read with acquire loads: a reader that sees any value
+    // of a section also sees that section's odd count when it checks.
+    void publish() {
+        published.sources.store(sources, std::memory_order_release);
+        published.state.store(state, std::memory_order_release);
+        published.epoch.store(epoch, std::memory_order_release);
+        published.stopwatchStart.store(stopwatchStart, std::memory_order_release);
+        published.baseTime.store(baseTime, std::memory_order_release);
+        published.systemGranularity.store(systemGranularity, std::memory_order_release);
+        published.rate.store(rate, std::memory_order_release);
+        published.deadline.store(deadline, std::memory_order_release);
+    }
+
+    // The request of now() when it would change nothing: in the tracking
+    // state, before the deadline, without a jump. Reads the clocks in the
+    // order of the locked request (stopwatch, then wall clock); the wall
+    // clock only where the jump check needs it. False (time untouched) when
+    // the request must take the lock.
+    bool tryUnchangingRequest(double& time) {
+        const std::uint32_t before = sequence.load(std::memory_order_acquire);
+        if ((before & 1U) != 0) {
+            return false;
+        }
+        if (published.state.load(std::memory_order_acquire) != Tracking) {
+            return false;
+        }
+        ClockSources* const source = published.sources.load(std::memory_order_acquire);
+        if (source == nullptr) {
+            return false;
+        }
+        const double base = published.baseTime.load(std::memory_order_acquire);
+        const double factor = published.rate.load(std::memory_order_acquire);
+        const double x =
+            static_cast<double>(source->steadyNanoseconds() -
+                                published.stopwatchStart.load(std::memory_order_acquire)) /
+            kNanosecondsPerSecond;
+        if (x > published.deadline.load(std::memory_order_acquire)) {
+            return false;  // the sampling phase begins
+        }
+        if (x > kTrackingPeriod) {
+            const double wallElapsed =
+                static_cast<double>(source->wallTicks() -
+                                    published.epoch.load(std::memory_order_acquire)) /
+                    kWallTicksPerSecond +
+                published.systemGranularity.load(std::memory_order_acquire) * 0.5 - base;
+            if (isJump(wallElapsed, x)) {
+                return false;
+            }
+        }
+        // The copy's loads are acquire loads, so this check follows them: a
+        // count still unchanged means no section overlapped the reads.
+        if (sequence.load(std::memory_order_relaxed) != before) {
+            return false;
+        }
+        time = base + x * factor;
+        return true;
+    }
+
+    static bool isJump(double wallElapsed, double x) {
+        const double ratio = wallElapsed / x;
+        const double difference = wallElapsed - x;
+        return ratio < kLowestRatio || ratio > kHighestRatio || difference < -kLargestDifference ||
+               difference > kLargestDifference;
+    }
+
     // Wall-clock seconds since time value 0.
     double wallSeconds() const {
         return static_cast<double>(sources->wallTicks() - epoch) / kWallTicksPerSecond;
@@ -147,12 +276,9 @@ class ClockCalibration {
         const double wallElapsed = wallSeconds() + systemGranularity * 0.5 - baseTime;
 
         if (x > kTrackingPeriod && (state == Tracking || state == Sampling)) {
-            const double ratio = wallElapsed / x;
-            const double difference = wallElapsed - x;
-            if (ratio < kLowestRatio || ratio > kHighestRatio || difference < -kLargestDifference ||
-                difference > kLargestDifference) {
+            if (isJump(wallElapsed, x)) {
                 previousRate = rate;
-                targetRate = ratio;
+                targetRate = wallElapsed / x;
                 blendStart = x;
                 deadline = x + kPhasePeriod;
                 restartAfterBlend = true;
@@ -223,6 +349,10 @@ class ClockCalibration {
     double blendStart = 0.0;  // stopwatch seconds when the current blend began
     bool restartAfterBlend = false;
     RatioSamples ratioSamples;
+
+    // Odd while a locked section runs; see the class comment.
+    std::atomic<std::uint32_t> sequence{0};
+    Published published;
 };
 
 ClockCalibration& clockCalibration() {
