@@ -244,7 +244,9 @@ class KESTREL_API WorkThread : protected Thread {
 // period after each execution returns. Each execution happens half a
 // millisecond after its due time, and the count already includes the
 // execution in progress. A stop ends the wait for the next execution at once;
-// an execution in progress runs to its end.
+// an execution in progress runs to its end. To be on time, the timer thread
+// asks the system for precise timed waits and spends the last moments
+// before each due time (about 0.15 ms on Linux) watching the clock.
 //
 // Thread safety: construction, start(), stop(), setPeriod() and destruction
 //   belong to one owner thread, never executing(); the getters may be called
@@ -295,6 +297,9 @@ class KESTREL_API TimerThread : protected WorkThread {
     // The periodic action, called on the timer thread.
     virtual void executing() = 0;
 
+    // wait(delay), ending nearer its end: wakes shortly before and watches
+    // the clock for the rest. False when a stop was requested.
+    bool waitForDueTime(double delay);
     // Resets the count and the schedule to now, unless setPeriod() restarts.
     void initExecution();
     void setExecutionTime(Timestamp t);

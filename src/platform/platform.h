@@ -9,3 +9,4 @@
 #include "platform/local_time.h"
 #include "platform/system_error.h"
 #include "platform/thread_priority.h"
+#include "platform/timed_waits.h"

@@ -10,7 +10,7 @@
 #include <mutex>
 
 #include "kestrel/threads.h"
-#include "threads/cpu_relax.h"
+#include "core/busy_wait.h"
 
 namespace kestrel {
 

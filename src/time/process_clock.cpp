@@ -10,6 +10,8 @@
 #include <ctime>
 #include <limits>
 
+#include "core/busy_wait.h"
+
 namespace kestrel {
 namespace detail {
 
@@ -97,7 +99,10 @@ class ClockCalibration {
         if (tryUnchangingRequest(time)) {
             return time;
         }
-        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        // A locked request is short: concurrent ones (sampling and blending)
+        // retry for a moment rather than put each other to sleep.
+        lockPromptly(calibrationLock);
+        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock, boost::adopt_lock);
         const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
