@@ -21,6 +21,29 @@ TEST(EventTest, ManualResetSignalReleasesEveryWaiter) {
     b.join();
 }
 
+// A second start() of an active thread does nothing; an exception from run()
+// ends the thread without reaching anyone; after join() it starts again.
+TEST(ThreadTest, StartsOnceUntilJoinedAndKeepsRunsExceptionsToItself) {
+    struct Thrower : Thread {
+        std::atomic<int> runs{0};
+        std::atomic<bool> release{false};
+        bool run() override {
+            ++runs;
+            waitFor([&] { return release.load(); });
+            throw 42;
+        }
+    } thread;
+    for (int round = 1; round <= 2; ++round) {
+        EXPECT_TRUE(thread.start() && thread.start());
+        EXPECT_TRUE(thread.isActive());
+        thread.release = true;
+        thread.join();
+        EXPECT_FALSE(thread.isActive());
+        EXPECT_EQ(thread.runs, round);
+        thread.release = false;
+    }
+}
+
 enum Hook { kStarting, kRunning, kStopping };
 
 // Counts the calls of its hooks, and their ends, and runs the hooks that the
