@@ -51,7 +51,8 @@ docs:
 
 # ---- Reliability: sanitizers, fuzzing, memcheck --------------------------
 # check: the unit tests as built for development, then under ASan+UBSan
-# (leaks detected) and TSan, then every fuzz target for FUZZ_SECONDS.
+# (leaks detected) and TSan, then every fuzz target for FUZZ_SECONDS, then
+# every benchmark once at a token size (bench-smoke).
 # memcheck: the development build's tests under valgrind memcheck, except
 # the installation test (it runs CMake) and the stress tests (valgrind runs
 # one thread at a time, so they would starve; asan and tsan cover them).
@@ -70,6 +71,7 @@ check:
 	$(MAKE) test PRESET=asan
 	$(MAKE) test PRESET=tsan
 	$(MAKE) fuzz
+	$(MAKE) bench-smoke
 
 # Runs on a copy of the seed corpus in build/fuzz/corpus (it grows there from
 # run to run); crash inputs land in build/fuzz/artifacts.
@@ -113,12 +115,19 @@ BENCH_DIR := build/bench
 BENCH_REPETITIONS ?= 9
 BENCH_FLAGS ?=
 
-.PHONY: bench bench-build
+.PHONY: bench bench-build bench-smoke
 bench-build:
 	@scripts/install-deps bench
 	@cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DKESTREL_BUILD_BENCH=ON \
 		-DKESTREL_BUILD_TESTS=OFF -DKESTREL_BUILD_EXAMPLES=OFF >/dev/null
 	@cmake --build $(BENCH_DIR) -j $(JOBS) --target kestrel-bench
+
+# Every benchmark once at a token size: proves the benchmarks build and run
+# (part of `make check`), measures nothing.
+bench-smoke: bench-build
+	@$(BENCH_DIR)/bin/kestrel-bench --smoke > $(BENCH_DIR)/smoke.txt 2>&1 \
+	    || { tail -n 40 $(BENCH_DIR)/smoke.txt; exit 1; }
+	@echo "bench-smoke: $$(grep -c '/' $(BENCH_DIR)/smoke.txt) benchmark lines, all ran"
 
 bench: bench-build
 	@echo "bench: $(BENCH_REPETITIONS) interleaved repetitions of every workload (a few minutes; load average now: $$(cut -d' ' -f1 /proc/loadavg))"
