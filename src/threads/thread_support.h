@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <mutex>
 
-#include "kestrel/threads.h"
 #include "core/busy_wait.h"
+#include "kestrel/threads.h"
 
 namespace kestrel {
 

@@ -2,8 +2,8 @@
 // asks for a finer one; timeBeginPeriod(1) asks for 1 ms while it is held.
 #include "platform/timed_waits.h"
 
-#include <windows.h>
 #include <timeapi.h>
+#include <windows.h>
 
 namespace kestrel {
 namespace platform {
