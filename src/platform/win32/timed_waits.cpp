@@ -2,8 +2,10 @@
 // asks for a finer one; timeBeginPeriod(1) asks for 1 ms while it is held.
 #include "platform/timed_waits.h"
 
-#include <timeapi.h>
 #include <windows.h>
+
+// timeapi.h uses the types of windows.h.
+#include <timeapi.h>
 
 namespace kestrel {
 namespace platform {
