@@ -105,21 +105,6 @@ TEST(WorkThreadTest, WaitsAreFalseOnlyForAStopRequestWhichTheyConsume) {
     EXPECT_EQ(r, std::vector<bool>{false});  // one wait, ended by the stop
 }
 
-TEST(WorkThreadTest, HookExceptionsAreSwallowedAndLeaveTheStateToStop) {
-    Probe probe;
-    probe.hooks[kRunning] = [](Probe&) { throw 1; };
-    probe.hooks[kStopping] = [](Probe&) { throw 2; };
-    for (int round = 1; round <= 2; ++round) {
-        ASSERT_TRUE(probe.start());
-        // The thread ends after stopping() but stays RUNNING: start() does nothing.
-        ASSERT_TRUE(waitFor([&] { return probe.calls[kStopping] == round; }));
-        EXPECT_TRUE(probe.isRunning() && probe.start());
-        EXPECT_EQ(probe.calls[kStarting] + probe.calls[kRunning], 2 * round);
-        EXPECT_TRUE(probe.stop() && !probe.isActive());
-        probe.hooks[kStarting] = [](Probe&) { throw 3; };  // running() follows all the same
-    }
-}
-
 // Records each execution; the second overruns a period of 0.05 s by 2.5 periods.
 class Ticker : public TimerThread {
   public:
