@@ -240,17 +240,17 @@ def report(context, results, markdown):
                    context.get("num_cpus", "?"),
                    ", ".join("%.2f" % x for x in context.get("load_avg", [])) or "?",
                    reps))
-    for workload, spec in WORKLOADS.items():
+    for workload, layout in WORKLOADS.items():
         if workload not in results:
             continue
         out.append("")
-        out.append(heading + spec["title"])
+        out.append(heading + layout["title"])
         for case, contenders in results[workload].items():
             kestrels = [c for c in contenders if is_kestrel(c)]
             header = [case]
-            for m in spec["metrics"]:
+            for m in layout["metrics"]:
                 header.append("%s [%s]" % (m.label, m.unit) if m.unit else m.label)
-            ratio_metrics = [m for m in spec["metrics"] if m.ratio]
+            ratio_metrics = [m for m in layout["metrics"] if m.ratio]
             # One comparison column per kestrel contender and compared metric.
             columns = [(k, m) for k in kestrels for m in ratio_metrics]
             for k, m in columns:
@@ -266,7 +266,7 @@ def report(context, results, markdown):
             rows = [header]
             for contender, runs in contenders.items():
                 row = [contender]
-                for m in spec["metrics"]:
+                for m in layout["metrics"]:
                     s = summary(runs, m)
                     row.append("-" if s is None else "%s ±%s" % (number(s[0]), number(s[1])))
                 for k, m in columns:
