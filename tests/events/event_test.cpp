@@ -1,141 +1,71 @@
+// The event queue and log on their own; then the event manager and event
+// threads case by case, with callers that throw or re-enter, each case
+// followed by another thread's posts and stop, which a lock left held blocks.
 #include <gtest/gtest.h>
 
-#include <random>
+#include <stdexcept>
 #include <thread>
 
 #include "support/event_fakes.h"
-#include "support/timing.h"
+#include "support/other_thread.h"
 
 using namespace kestrel;
 using namespace kestrel_test;
 using Ints = std::vector<int>;
 
-TEST(EventQueueTest, CoalescesInPlaceNotifiesOnlyWhenItFillsOrAPassLeavesEventsAndNeverNests) {
+TEST(EventQueueTest, CoalescesFlushesAndPassesOverWhatWasQueuedAtTheStartWithoutNesting) {
     Ledger l;
     {
         EventQueue q(new Handler(l), {});
         const KeyMatch match1(1);
         const SumMerge merge;
-        q.processEvents();  // empty: tells nothing
-        q.postEvent(new TestEvent(l, 1, new Info(false, 10)), &match1, &merge);  // appended
-        q.postEvent(new TestEvent(l, 2), nullptr, nullptr);
-        q.postEvent(new TestEvent(l, 1), nullptr, nullptr);  // appended although it matches
+        const auto post = [&](TestEvent* e, const KeyMatch* match = nullptr) {
+            q.postEvent(e, match, &merge);
+            return e;
+        };
+        q.processEvents();                                        // empty: tells nothing
+        post(new TestEvent(l, 1, new Info(false, 10)), &match1);  // appended
+        post(new TestEvent(l, 2));
+        post(new TestEvent(l, 6))->onExecute = []() -> bool { throw 6; };  // the pass goes on
+        post(new TestEvent(l, 1));  // appended although it matches
         auto* merged = new Info(false, 5);
-        q.postEvent(new TestEvent(l, 3, merged), &match1, &merge);  // replaces the first 1
+        post(new TestEvent(l, 3, merged), &match1);  // replaces the first 1
         EXPECT_EQ(merged->value, 15);
-        auto* nesting = new TestEvent(l, 4, new Info(false));  // replaces the other 1: no merge
+        auto* nesting = post(new TestEvent(l, 4, new Info(false)), &match1);  // no merge
         nesting->onExecute = [&] {
-            q.postEvent(new TestEvent(l, 10), nullptr, nullptr);
+            post(new TestEvent(l, 10));
             q.processEvents();  // returns at once
-            q.postEvent(new TestEvent(l, 11), nullptr, nullptr);
+            post(new TestEvent(l, 11));
             return true;
         };
-        q.postEvent(nesting, &match1, &merge);
-        q.postEvent(new TestEvent(l, 5), &match1, &merge);  // appended
-        q.processEvents();                                  // only the events queued when it began
-        EXPECT_EQ(l.trace(), (Ints{3, 2, 4, 5}));
+        post(new TestEvent(l, 5), &match1);  // appended
+        post(new TestEvent(l, 5))->executable = false;
+        q.flushEvents(KeyMatch(2, kFlushed), false);
+        q.flushEvents(KeyMatch(5, kFlushed), true);  // runs the executable 5 only
+        q.processEvents();                           // only the events queued when it began
+        EXPECT_EQ(l.trace(), (Ints{5, 3, 6, 4}));
         q.processEvents();
-        q.postEvent(new TestEvent(l, 6), nullptr, nullptr);  // left for the destructor
-        EXPECT_EQ(l.trace(), (Ints{3, 2, 4, 5, 10, 11}));
+        post(new TestEvent(l, 12));  // left for the destructor
+        EXPECT_EQ(l.trace(), (Ints{5, 3, 6, 4, 10, 11}));
         EXPECT_EQ(l.told(), (Ints{1, 2, 1}));
     }
-    EXPECT_TRUE(l.fates[kReplaced] == 2 && l.fates[kRefused] == 1 && l.handlers == 1);
-    EXPECT_TRUE(l.destroyed() == l.created && Info::alive == 0);
-}
-
-TEST(EventQueueTest, FlushServicesMatchesOnlyWhenAskedAndAPassOutlivesAFailingEvent) {
-    Ledger l;
-    EventQueue q(nullptr, {});
-    TestEvent* e[] = {new TestEvent(l, 1), new TestEvent(l, 2), new TestEvent(l, 1),
-                      new TestEvent(l, 3), new TestEvent(l, 4)};
-    e[2]->executable = false;
-    e[3]->onExecute = []() -> bool { throw 3; };
-    for (auto* event : e)
-        q.postEvent(event, nullptr, nullptr);
-    q.flushEvents(KeyMatch(1, kFlushed), true);  // runs the first 1 only
-    q.flushEvents(KeyMatch(2, kFlushed), false);
-    q.processEvents();
-    EXPECT_EQ(l.trace(), (Ints{1, 3, 4}));
-    EXPECT_TRUE(l.fates[kFlushed] == 2 && l.destroyed() == l.created);
-}
-
-TEST(EventThreadTest, RunsPostsInOrderWhileRunningAndAtStopDrainsThenObeysItsMode) {
-    for (auto mode : {EventThread::DISCARD_PENDING_EVENTS, EventThread::PROCESS_PENDING_EVENTS}) {
-        Ledger l;
-        std::atomic<bool> release{false};
-        auto* thread = new EventThread(mode);
-        (new TestEvent(l, 0))->postEvent(*thread);  // refused: not started
-        ASSERT_TRUE(thread->start());
-        auto* blocker = new TestEvent(l, 1);
-        blocker->onExecute = [&] {
-            waitFor([&] { return release.load(); });
-            (new TestEvent(l, 9))->postEvent(*thread);  // refused: stopping
-            return true;
-        };
-        blocker->postEvent(*thread);
-        ASSERT_TRUE(waitFor([&] { return l.executed == 1; }));
-        for (int key : {2, 3})
-            (new TestEvent(l, key))->postEvent(*thread);
-        std::thread stopper([&] { thread->stop(); });
-        ASSERT_TRUE(waitFor([&] { return !thread->isRunning(); }));
-        release = true;
-        stopper.join();
-        EXPECT_EQ(l.trace(), (Ints{1, 2, 3}));  // what was queued ran before the stop was seen
-        ASSERT_TRUE(thread->start());           // with a fresh, empty queue
-        (new TestEvent(l, 4))->postEvent(*thread);
-        delete thread;  // stops: 4 has run, or runs in the final pass, or is discarded
-        EXPECT_EQ(l.fates[kRefused], 2);
-        EXPECT_TRUE(mode == EventThread::DISCARD_PENDING_EVENTS || l.fates[kExecuted] == 4);
-        EXPECT_EQ(l.destroyed(), l.created);
-    }
-}
-
-TEST(EventManagerTest, IsOneInstanceThatServicesAtOnceOnlyOnItsCreatingThread) {
-    Ledger l;
-    EventManager* m = EventManager::createInstance(new Handler(l));
-    Handler spare(l);
-    EXPECT_TRUE(EventManager::createInstance(&spare) == m && EventManager::getInstance() == m);
-    TestEvent* e[] = {new TestEvent(l, 1), new TestEvent(l, 2), new TestEvent(l, 3)};
-    e[0]->onExecute = [] { return false; };
-    e[1]->executable = false;
-    e[2]->onExecute = []() -> bool { throw 3; };
-    EXPECT_FALSE(e[0]->serviceEvent(true));  // ran at once: its own result
-    EXPECT_TRUE(e[1]->serviceEvent(true));   // dropped
-    EXPECT_THROW(e[2]->serviceEvent(true), int);
-    std::thread([&] {
-        EXPECT_FALSE(m->isProcessingThread());
-        EXPECT_TRUE((new TestEvent(l, 4))->serviceEvent(true) &&
-                    (new TestEvent(l, 5))->serviceEvent(true));
-    }).join();
-    EXPECT_TRUE((new TestEvent(l, 6))->serviceEvent(false));
-    IEvent::flushEvents(KeyMatch(5, kFlushed), true);
-    m->processEvents();
-    (new TestEvent(l, 7))->serviceEvent(false);  // discarded with the manager
-    EventManager::destroyInstance();
-    EventManager::destroyInstance();
-    EXPECT_EQ(EventManager::getInstance(), nullptr);
-    EXPECT_EQ(l.trace(), (Ints{1, 3, 5, 4, 6}));
-    EXPECT_EQ(l.told(), (Ints{1, 1}));  // once it filled from the other thread, once with 7
-    EXPECT_TRUE(l.handlers == 1 && l.destroyed() == l.created);
-}
-
-// A loggable record whose event is gone: a log would hold its last reference.
-static IEventInfo* orphan(Ledger& l, int value) {
-    auto* info = new Info(true, value);
-    delete new TestEvent(l, 0, info);
-    return info;
+    EXPECT_TRUE(l.fates[kReplaced] == 2 && l.fates[kFlushed] == 2 && l.fates[kRefused] == 1);
+    EXPECT_TRUE(l.handlers == 1 && l.destroyed() == l.created && Info::alive == 0);
 }
 
 TEST(EventInfoLogTest, KeepsTheNewestLoggableRecordsUpToItsLimitAndLocksForAnEnumerator) {
     Ledger l;
     EventInfoLog log(3);
+    l.log = &log;  // an event leaves its record there when destroyed
+    const auto logged = [&l](int value) { delete new TestEvent(l, 0, new Info(true, value)); };
     for (int v = 1; v <= 4; ++v)
-        log.append(orphan(l, v));  // 1 is released when 4 arrives
-    log.setMaxToLog(2);            // releases 2
+        logged(v);  // 1 is released when 4 arrives
+    EXPECT_EQ(Info::alive, 3);
+    log.setMaxToLog(2);  // releases 2
     EXPECT_TRUE(log.isLogFull() && Info::alive == 2);
     log.setMaxToLog(EventInfoLog::NO_LIMIT);
     auto* e = log.getLockingEnumerator();
-    std::thread other([&] { log.append(orphan(l, 5)); });
+    std::thread other([&] { logged(5); });
     // However long the other thread tries, it cannot append; this thread still may use the log.
     EXPECT_FALSE(waitFor([&] { return log.getNumberLogged() == 3; }, 0.05));
     Ints values;
@@ -144,74 +74,141 @@ TEST(EventInfoLogTest, KeepsTheNewestLoggableRecordsUpToItsLimitAndLocksForAnEnu
     EXPECT_EQ(values, (Ints{3, 4}));
     delete e;
     other.join();
-    log.setMaxToLog(0);        // releases every record
-    log.append(orphan(l, 6));  // released at once
+    log.setMaxToLog(0);  // releases every record
+    logged(6);           // released at once
     EXPECT_TRUE(log.getNumberLogged() == 0 && Info::alive == 0);
 }
 
-// Producers post, coalesce and flush into two event threads, which keep being
-// started and stopped, and into the event manager, which its creating thread
-// processes whenever told. Every event must meet exactly one fate, and every
-// event and record must be destroyed exactly once.
-TEST(EventStressTest, EveryEventMeetsExactlyOneFate) {
-    EventInfoLog log;   // unlimited: records are released by clear() alone
-    Ledger ledgers[3];  // the discarding thread, the processing thread, the manager
-    for (Ledger& l : ledgers)
-        l.log = &log;
-    EventManager* manager = EventManager::createInstance(new Handler(ledgers[2]));
-    const ElapsedTimer clock;
-    const auto running = [&] { return clock.getElapsedTime() < 0.8; };
-    const auto serve = [&] {  // a pass after every notification
-        const bool told = ledgers[2].notified.exchange(0) > 0;
-        if (told)
-            manager->processEvents();
-        return told;
+namespace {
+
+// An event manager with its handler and an event thread that processes what
+// is queued at its stop, for a case and the checks that follow it.
+struct Context {
+    Ledger l;
+    EventThread thread{EventThread::PROCESS_PENDING_EVENTS}, other;
+    Handler* handler = new Handler(l);
+    EventManager* manager = EventManager::createInstance(handler);
+    std::atomic<bool> release{false};
+
+    TestEvent* event(int key, bool throwing = false) {
+        auto* e = new TestEvent(l, key, new Info(false));
+        if (throwing)
+            e->onExecute = []() -> bool { throw std::runtime_error("execute failed"); };
+        return e;
+    }
+    // Occupies a thread with event 0 until release is set, then queues 2
+    // (which throws) and 3.
+    void holdAndQueue(EventThread& t) {
+        auto* e = event(0);
+        e->onExecute = [this] { return waitFor([this] { return release.load(); }); };
+        e->postEvent(t);
+        ASSERT_TRUE(waitFor([this] { return l.executed == 1; }));
+        event(2, true)->postEvent(t);
+        event(3)->postEvent(t);
+    }
+};
+
+// Throws an int on its n-th call.
+std::function<void()> throwOnCall(int n) {
+    return [n, calls = 0]() mutable {
+        if (++calls == n)
+            throw 1;
     };
-    {
-        EventThread threads[2] = {EventThread(EventThread::DISCARD_PENDING_EVENTS),
-                                  EventThread(EventThread::PROCESS_PENDING_EVENTS)};
-        std::vector<std::thread> workers;
-        for (unsigned w = 0; w < 5; ++w) {
-            workers.emplace_back([&, w] {
-                std::minstd_rand rng(w + 1);
-                const SumMerge merge;
-                for (; w < 2 && running(); threads[w].stop()) {
-                    threads[w].start();
-                    Thread::sleep(1e-6 * double(rng() % 5000));
-                }
-                for (; w >= 2 && running(); std::this_thread::yield()) {
-                    const auto t = rng() % 3;
-                    const KeyMatch match(int(rng() % 4), rng() % 8 ? kReplaced : kFlushed);
-                    if (match.fate == kFlushed) {
-                        t < 2 ? IEvent::flushEvents(threads[t], match)
-                              : IEvent::flushEvents(match, rng() % 2 == 0);
-                        continue;
-                    }
-                    Info* info = rng() % 2 ? new Info(rng() % 2 == 0) : nullptr;
-                    auto* e = new TestEvent(ledgers[t], int(rng() % 4), info);
-                    const KeyMatch* coalesce = rng() % 2 ? &match : nullptr;
-                    t < 2
-                        ? e->postOrCoalesceEvent(threads[t], coalesce, &merge)
-                        : static_cast<void>(e->serviceOrCoalesceEvent(rng() % 2, coalesce, &merge));
-                }
-            });
-        }
-        while (running()) {
-            serve();
-            std::this_thread::yield();
-        }
-        for (auto& worker : workers)
-            worker.join();
-        while (serve()) {
-        }
+}
+
+struct ThrowingMerge : IMergeEventInfoFcn {
+    void operator()(IEventInfo*, IEventInfo*) const override { throw 1; }
+};
+
+struct Case {
+    const char* name;
+    std::function<void(Context&)> run;
+    Ints trace;  // executed in this order; 98 and 99 come from another thread afterwards
+};
+
+const Case kCases[] = {
+    {"the manager is one instance that services at once only on its creating thread",
+     [](Context& c) {
+         Handler spare(c.l);
+         EXPECT_EQ(EventManager::createInstance(&spare), c.manager);
+         TestEvent* e[] = {c.event(1), c.event(2), c.event(3, true)};
+         e[0]->onExecute = [] { return false; };
+         e[1]->executable = false;
+         EXPECT_FALSE(e[0]->serviceEvent(true));  // ran at once: its own result
+         EXPECT_TRUE(e[1]->serviceEvent(true));   // dropped
+         EXPECT_THROW(e[2]->serviceEvent(true), std::runtime_error);
+     },
+     {1, 3, 98, 99}},
+    {"a thread runs what was queued before it sees a stop, then refuses posts",
+     [](Context& c) {
+         ASSERT_TRUE(c.other.start());  // discards what is queued when it sees the stop
+         c.holdAndQueue(c.other);
+         std::thread stopper([&c] { c.other.stop(); });
+         EXPECT_TRUE(waitFor([&c] { return !c.other.isRunning(); }));
+         c.event(9)->postEvent(c.other);  // refused: stopping
+         c.release = true;
+         stopper.join();
+     },
+     {0, 2, 3, 98, 99}},
+    {"execute throws in a servicing flush, merge while posting",
+     [](Context& c) {
+         for (int key : {1, 2, 1})
+             c.event(key, key == 1)->serviceEvent(false);
+         IEvent::flushEvents(KeyMatch(1, kFlushed), true);
+         const KeyMatch match(2, kFlushed);  // marks 2 flushed, which its execution outranks
+         const ThrowingMerge merge;
+         EXPECT_THROW(c.event(4)->serviceOrCoalesceEvent(false, &match, &merge), int);
+     },
+     {1, 1, 98, 2, 99}},
+    {"handler posts from its notification",
+     [](Context& c) {
+         c.handler->onNotify = [&c] { c.event(50)->serviceEvent(false); };
+         c.event(1)->serviceEvent(false);
+         EXPECT_EQ(c.l.told(), Ints{1});
+     },
+     {98, 1, 50, 99}},
+    {"match throws while posting to the thread and while flushing it",
+     [](Context& c) {
+         c.holdAndQueue(c.thread);
+         const KeyMatch match(3, kReplaced, throwOnCall(2));
+         EXPECT_THROW(c.event(4)->postOrCoalesceEvent(c.thread, &match, nullptr), int);
+         EXPECT_THROW(IEvent::flushEvents(c.thread, KeyMatch(-1, kFlushed, throwOnCall(2))), int);
+     },
+     {0, 3, 98, 99}},
+    // A post wakes its thread once it has left the thread's locks: a post made
+    // inside another post must still wake its own thread.
+    {"match posts to another thread while posting",
+     [](Context& c) {
+         c.holdAndQueue(c.thread);
+         ASSERT_TRUE(c.other.start());
+         const KeyMatch match(7, kReplaced, [&c] { c.event(5)->postEvent(c.other); });
+         c.event(4)->postOrCoalesceEvent(c.thread, &match, nullptr);  // one 5 per queued event
+         EXPECT_TRUE(waitFor([&c] { return c.l.executed == 3; }));
+     },
+     {0, 5, 5, 2, 3, 4, 98, 99}},
+};
+
+}  // namespace
+
+TEST(EventThreadAndManagerTest, CasesEndAsDefinedLoseNoEventAndLeaveNoLockHeld) {
+    for (const Case& test : kCases) {
+        SCOPED_TRACE(test.name);
+        Context c;
+        ASSERT_TRUE(c.thread.start());
+        test.run(c);
+        c.release = true;
+        runOnAnotherThread([&] {
+            c.event(98)->postEvent(c.thread);
+            EXPECT_TRUE(c.thread.stop());                  // its last pass runs everything queued
+            c.event(96)->postEvent(c.thread);              // refused: stopped
+            EXPECT_TRUE(c.event(99)->serviceEvent(true));  // queued: not the owner
+            c.other.stop();
+        });
+        c.manager->processEvents();
+        EventManager::destroyInstance();
+        EventManager::destroyInstance();
+        EXPECT_FALSE(c.event(96)->serviceEvent(true));  // refused: no manager
+        EXPECT_EQ(c.l.trace(), test.trace);
+        EXPECT_TRUE(c.l.fates[kWrong] == 0 && c.l.destroyed() == c.l.created && Info::alive == 0);
     }
-    EventManager::destroyInstance();
-    log.clear();
-    for (const Ledger& l : ledgers) {
-        EXPECT_TRUE(l.fates[kExecuted] > 0 && l.fates[kReplaced] > 0 && l.fates[kWrong] == 0);
-        EXPECT_EQ(l.destroyed(), l.created);
-    }
-    EXPECT_EQ(Info::alive, 0);
-    // The final pass leaves nothing behind, and every event queued was announced.
-    EXPECT_EQ(ledgers[1].fates[kDiscarded] + ledgers[2].fates[kDiscarded], 0);
 }

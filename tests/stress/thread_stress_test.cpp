@@ -1,5 +1,5 @@
 // Timers started, restarted and stopped over and over by several owners at
-// once, and the current time requested from many threads.
+// once, while other threads request the current time.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,8 +15,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-const auto kRunTime = std::chrono::milliseconds(1000);
-
 class CountingTimer : public TimerThread {
   public:
     CountingTimer() : TimerThread(FIXED_RATE, 0.001) {}
@@ -27,48 +25,39 @@ class CountingTimer : public TimerThread {
     void executing() override { ++executions; }
 };
 
-// Runs body(index) on count threads at once.
-template <typename Body>
-void onThreads(int count, Body body) {
+}  // namespace
+
+TEST(ThreadStressTest, TimersCountEveryExecutionAcrossRestartsAndTheTimeNeverRunsBackwards) {
+    const auto end = Clock::now() + std::chrono::milliseconds(1000);
     std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back(body, i);
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([i, end] {  // a timer's owner
+            CountingTimer timer;
+            int cycles = 0, counted = 0;
+            for (; Clock::now() < end; ++cycles) {
+                EXPECT_TRUE(timer.start());
+                if (cycles % 3 == i) {  // a restart: the count goes on
+                    timer.setPeriod(cycles % 2 == 0 ? 0.002 : 0.001);
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(500 * (cycles % 5)));
+                EXPECT_TRUE(timer.stop());
+                counted += timer.getExecutions();  // since the last start
+            }
+            EXPECT_EQ(timer.executions, counted);
+            EXPECT_GT(counted, 0);
+        });
+        threads.emplace_back([i, end] {  // a reader of the current time
+            double last = Timestamp().getTime();
+            while (Clock::now() < end) {
+                const double t = i % 2 ? Timestamp().getTime() : fcns::time::getCurrentTimestamp();
+                ASSERT_GE(t, last);
+                last = t;
+            }
+            const auto wall = std::chrono::system_clock::now().time_since_epoch();
+            EXPECT_NEAR(last, std::chrono::duration<double>(wall).count(), 1.0);
+        });
     }
     for (auto& thread : threads) {
         thread.join();
     }
-}
-
-}  // namespace
-
-TEST(ThreadStressTest, TimersCountEveryExecutionAcrossStartsStopsAndRestarts) {
-    onThreads(3, [](int owner) {
-        CountingTimer timer;
-        int cycles = 0, counted = 0;
-        for (const auto end = Clock::now() + kRunTime; Clock::now() < end; ++cycles) {
-            EXPECT_TRUE(timer.start());
-            if (cycles % 3 == owner) {
-                timer.setPeriod(cycles % 2 == 0 ? 0.002 : 0.001);  // a restart: the count goes on
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(500 * (cycles % 5)));
-            EXPECT_TRUE(timer.stop());
-            counted += timer.getExecutions();  // since the last start
-        }
-        EXPECT_EQ(timer.executions, counted);
-        EXPECT_GT(counted, 0);
-    });
-}
-
-TEST(ThreadStressTest, ConcurrentCurrentTimeNeverRunsBackwardsOnAnyThread) {
-    onThreads(4, [](int reader) {
-        double last = Timestamp().getTime();
-        for (const auto end = Clock::now() + kRunTime / 2; Clock::now() < end;) {
-            const double t =
-                reader % 2 == 0 ? Timestamp().getTime() : fcns::time::getCurrentTimestamp();
-            ASSERT_GE(t, last);
-            last = t;
-        }
-        const auto wall = std::chrono::system_clock::now().time_since_epoch();
-        EXPECT_NEAR(last, std::chrono::duration<double>(wall).count(), 1.0);
-    });
 }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <numeric>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kestrel/events.h"
@@ -59,16 +60,21 @@ struct TestEvent : kestrel::IEvent {
     std::function<bool()> onExecute;  // execute()'s result; may throw
 };
 
-// Accepts the events with the key (any key when it is negative) and marks them.
+// Accepts the events with the key (any key when it is negative) and marks them,
+// after running its hook (which may throw or post) on every call.
 struct KeyMatch : kestrel::IMatchEventFcn {
-    explicit KeyMatch(int k, Fate f = kReplaced) : key(k), fate(f) {}
+    explicit KeyMatch(
+        int k, Fate f = kReplaced, std::function<void()> h = [] {})
+        : key(k), fate(f), hook(std::move(h)) {}
     bool operator()(kestrel::IEvent* event) const override {
+        hook();
         auto* e = static_cast<TestEvent*>(event);
         e->mark = key < 0 || e->key == key ? fate : e->mark;
         return e->mark == fate;  // queued events are unmarked
     }
     const int key;
     const Fate fate;
+    const std::function<void()> hook;
 };
 
 // Adds the queued record's value to the new one's (and fails on a missing one).
@@ -83,8 +89,10 @@ struct Handler : kestrel::EventQueue::IEventQueueHandler {
     ~Handler() override { ++ledger.handlers; }
     void notifyEventsToProcess(std::size_t count) const override {
         ledger.counts[ledger.notified++ % 64] = static_cast<int>(count);
+        onNotify();
     }
     Ledger& ledger;
+    std::function<void()> onNotify = [] {};  // runs under the queue's lock
 };
 
 }  // namespace kestrel_test
