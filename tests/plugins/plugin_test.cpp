@@ -139,7 +139,7 @@ TEST(PluginReferenceTest, EachLoadMakesItsCallsWritesItsLinesAndThrowsItsFailure
 }
 
 TEST(PluginLoaderTest, PreProcessPathRewritesPathsThatLoadAndStayLoadedWhenAsked) {
-    EXPECT_EQ(PluginLoader::preProcessPath(u"C:\\p\\x.dll", u"\\"), u"C:\\p\\x");
+    EXPECT_EQ(PluginLoader::preProcessPath(u"C:\\p.q\\x.dll", u"\\"), u"C:\\p.q\\x");
     EXPECT_EQ(PluginLoader::preProcessPath(u"C:\\a.b\\x", u"\\"), u"C:\\a");
     EXPECT_EQ(PluginLoader::preProcessPath(u"$qx_arch/$QX_ARCH/$QX_ARCH", u"/"),
               u"$qx_arch\\win64\\$QX_ARCH");

@@ -51,9 +51,6 @@ inline void setEnv(const char* name, const char* value) {
 inline void unsetEnv(const char* name) {
     ::_putenv_s(name, "");
 }
-inline unsigned long processId() {
-    return ::GetCurrentProcessId();
-}
 
 // The system's text for code in the user's language; empty when it has none.
 inline std::string systemText(ErrorCode code) {
@@ -107,9 +104,6 @@ inline void setEnv(const char* name, const char* value) {
 }
 inline void unsetEnv(const char* name) {
     ::unsetenv(name);
-}
-inline unsigned long processId() {
-    return static_cast<unsigned long>(::getpid());
 }
 
 // The C library's text for an errno value.

@@ -1,5 +1,6 @@
 // Points the temporary-directory variable (TMPDIR; TMP on Windows) at a
-// fresh directory while it lives, and removes the directory after.
+// fresh directory, named after the running test, in the current directory
+// while it lives, and removes the directory after.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +14,10 @@ namespace kestrel_test {
 
 class ScopedTmpdir {
   public:
-    ScopedTmpdir() : _path(testing::TempDir() + "kestrel_tmpdir_" + std::to_string(processId())) {
+    ScopedTmpdir()
+        : _path((std::filesystem::current_path() /
+                 testing::UnitTest::GetInstance()->current_test_info()->name())
+                    .string()) {
         std::filesystem::remove_all(_path);
         std::filesystem::create_directories(_path);
         setEnv(kTempDirVariable, _path.c_str());
