@@ -30,11 +30,8 @@ class ChannelCapture {
         boost::log::core::get()->remove_sink(_sink);
         foundation::log::set_severity_mask(_channel, _previousMask);
     }
-    ChannelCapture(const ChannelCapture&) = delete;
-    ChannelCapture& operator=(const ChannelCapture&) = delete;
 
     std::vector<ChannelLine> lines() const { return _sink->locked_backend()->lines; }
-    void clear() { _sink->locked_backend()->lines.clear(); }
 
   private:
     struct Backend

@@ -1,10 +1,11 @@
 // What the tests need to know or do that differs between operating systems,
 // gathered in one place: environment variables, the loader's view of loaded
-// libraries, and the system error codes that the platform layer reports.
+// libraries, system error codes and texts, and the debugger output.
 #pragma once
 
 #include <fl/i18n.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <optional>
@@ -22,15 +23,12 @@
 #include <windows.h>
 #else
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-
-#include "platform/posix/posix_error.h"
 #endif
 
 namespace kestrel_test {
@@ -41,11 +39,6 @@ using kestrel::platform::ErrorCode;
 // The variable that names the directory for temporary files (GetTempPathW
 // reads it first).
 inline const char* const kTempDirVariable = "TMP";
-
-// Codes the system loader leaves behind.
-constexpr ErrorCode kModuleNotFound = ERROR_MOD_NOT_FOUND;        // 126
-constexpr ErrorCode kProcedureNotFound = ERROR_PROC_NOT_FOUND;    // 127
-constexpr ErrorCode kInvalidParameter = ERROR_INVALID_PARAMETER;  // 87
 // What the C runtime leaves behind when a directory is opened as a file.
 constexpr ErrorCode kOpenedDirectory = ERROR_ACCESS_DENIED;
 // What a directory that refuses new files may answer.
@@ -57,14 +50,6 @@ inline void setEnv(const char* name, const char* value) {
 }
 inline void unsetEnv(const char* name) {
     ::_putenv_s(name, "");
-}
-inline unsigned long processId() {
-    return ::GetCurrentProcessId();
-}
-
-// The calling thread's last error, as the platform layer reports it.
-inline ErrorCode lastError() {
-    return ::GetLastError();
 }
 
 // The system's text for code in the user's language; empty when it has none.
@@ -79,36 +64,21 @@ inline std::string systemText(ErrorCode code) {
     return narrow;
 }
 
-// True under Wine, whose C runtime differs from Windows' in details that
-// some tests name.
-inline bool runningUnderWine() {
-    const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
-    return ntdll != nullptr && ::GetProcAddress(ntdll, "wine_get_version") != nullptr;
-}
-
 // What the system's debugger output received while body ran, as an
 // attached debugger sees it. Windows 10 raises the wide debug-string
 // exception and, when no one takes it, the narrow one; Wine raises only the
-// narrow one. A handler that sees the exceptions first takes either.
+// narrow one. A handler that sees the exceptions first takes the narrow one.
 inline std::optional<std::string> debuggerOutputOf(const std::function<void()>& body) {
     static thread_local std::string* received = nullptr;
     std::string text;
     received = &text;
     PVOID handler = ::AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* info) -> LONG {
         const EXCEPTION_RECORD& record = *info->ExceptionRecord;
-        if (received == nullptr || record.NumberParameters < 2) {
+        if (received == nullptr || record.ExceptionCode != DBG_PRINTEXCEPTION_C) {
             return EXCEPTION_CONTINUE_SEARCH;
         }
-        if (record.ExceptionCode == DBG_PRINTEXCEPTION_WIDE_C) {
-            const auto* wide = reinterpret_cast<const wchar_t*>(record.ExceptionInformation[1]);
-            *received += fl::i18n::to_string(fl::i18n::to_ustring(std::wstring(wide)));
-            return EXCEPTION_CONTINUE_EXECUTION;
-        }
-        if (record.ExceptionCode == DBG_PRINTEXCEPTION_C) {
-            *received += reinterpret_cast<const char*>(record.ExceptionInformation[1]);
-            return EXCEPTION_CONTINUE_EXECUTION;
-        }
-        return EXCEPTION_CONTINUE_SEARCH;
+        *received += reinterpret_cast<const char*>(record.ExceptionInformation[1]);
+        return EXCEPTION_CONTINUE_EXECUTION;
     });
     body();
     ::RemoveVectoredExceptionHandler(handler);
@@ -126,11 +96,6 @@ inline bool isLibraryLoaded(const std::string& path) {
 }
 #else
 inline const char* const kTempDirVariable = "TMPDIR";
-
-// The dynamic loader reports every failure the same way, with its own text.
-constexpr ErrorCode kModuleNotFound = kestrel::platform::posix::kDynamicLoaderError;
-constexpr ErrorCode kProcedureNotFound = kestrel::platform::posix::kDynamicLoaderError;
-constexpr ErrorCode kInvalidParameter = EINVAL;
 constexpr ErrorCode kOpenedDirectory = EISDIR;
 constexpr ErrorCode kCreationRefused[] = {EACCES, EPERM, EROFS};
 
@@ -140,21 +105,10 @@ inline void setEnv(const char* name, const char* value) {
 inline void unsetEnv(const char* name) {
     ::unsetenv(name);
 }
-inline unsigned long processId() {
-    return static_cast<unsigned long>(::getpid());
-}
-
-inline ErrorCode lastError() {
-    return static_cast<ErrorCode>(errno);
-}
 
 // The C library's text for an errno value.
 inline std::string systemText(ErrorCode code) {
     return std::strerror(static_cast<int>(code));
-}
-
-inline bool runningUnderWine() {
-    return false;
 }
 
 // What the system's debugger output received while body ran, as an
@@ -162,34 +116,28 @@ inline bool runningUnderWine() {
 // traces, and the child's standard error is collected. Nothing when the
 // system does not allow tracing.
 inline std::optional<std::string> debuggerOutputOf(const std::function<void()>& body) {
-    int pipeEnds[2];
-    if (::pipe(pipeEnds) != 0) {
+    std::FILE* output = std::tmpfile();
+    if (output == nullptr) {
         return std::nullopt;
     }
     const pid_t child = ::fork();
     if (child == 0) {
-        ::dup2(pipeEnds[1], STDERR_FILENO);
-        ::close(pipeEnds[0]);
+        ::dup2(::fileno(output), STDERR_FILENO);
         const bool traced = ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0;
-        ::raise(SIGSTOP);  // the tracer sees the child from here on
         if (traced) {
             body();
         }
-        std::fflush(stderr);
         ::_exit(traced ? 0 : 1);
     }
-    ::close(pipeEnds[1]);
     int status = 0;
     while (child > 0 && ::waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
-        const int signal = WSTOPSIG(status) == SIGSTOP ? 0 : WSTOPSIG(status);
-        ::ptrace(PTRACE_CONT, child, nullptr, reinterpret_cast<void*>(static_cast<long>(signal)));
+        const auto signal = static_cast<long>(WSTOPSIG(status));
+        ::ptrace(PTRACE_CONT, child, nullptr, reinterpret_cast<void*>(signal));
     }
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;) {
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(pipeEnds[0]);
+    std::string text(4096, '\0');
+    std::rewind(output);
+    text.resize(std::fread(text.data(), 1, text.size(), output));
+    std::fclose(output);
     if (child <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return std::nullopt;
     }
