@@ -52,7 +52,7 @@ static std::string format(const char* text, const char* indent, bool period = fa
 
 TEST(FormatTextTest, TrimsIndentsAndEndsWithOnePeriodAndNewline) {
     EXPECT_EQ(format(nullptr, "> ", true, true), "previous");
-    EXPECT_EQ(format("\n\tabc\r\n", nullptr), "abc");
+    EXPECT_EQ(format("\n\tabc\r\x1f", nullptr), "abc");
     EXPECT_EQ(format(" abc ", ""), " abc ");
     EXPECT_EQ(format("\t\xc3\xa9t\xc3\xa9\n", nullptr), "\xc3\xa9t\xc3\xa9");  // UTF-8 kept
     EXPECT_EQ(format("first\nsecond", "Note: "), "Note: first\n      second");
