@@ -2,20 +2,20 @@
 // inputs copied to exact-size heap blocks.
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 // Reports a property that does not hold; libFuzzer keeps the input.
 #define FUZZ_CHECK(condition)                                                                     \
-    do {                                                                                          \
-        if (!(condition)) {                                                                       \
-            std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #condition); \
-            std::abort();                                                                         \
-        }                                                                                         \
-    } while (0)
+    ((condition)                                                                                  \
+         ? void()                                                                                 \
+         : (std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #condition), \
+            std::abort()))
 
 namespace kestrel_fuzz {
 
@@ -27,8 +27,11 @@ inline std::unique_ptr<char[]> exactCopy(const std::string& text) {
     return copy;
 }
 
-inline int sign(int value) {
-    return (value > 0) - (value < 0);
+// The parts of text before and after the first separator (the second empty
+// without one).
+inline std::pair<std::string, std::string> splitAt(const std::string& text, char separator) {
+    const std::size_t split = std::min(text.find(separator), text.size());
+    return {text.substr(0, split), split < text.size() ? text.substr(split + 1) : ""};
 }
 
 }  // namespace kestrel_fuzz

@@ -10,41 +10,29 @@
 #include "fuzz_check.h"
 #include "kestrel/plugins.h"
 
+using kestrel::PluginLoader;
 using kestrel::ustring;
-
-namespace {
-
-bool hasToken(const ustring& path) {
-    return path.find(u"$QX_INSTALL_ROOT") != ustring::npos ||
-           path.find(u"$QX_ARCH") != ustring::npos;
-}
-
-bool contains(const ustring& path, const ustring& part) {
-    return path.find(part) != ustring::npos;
-}
-
-}  // namespace
 
 // Input: the separator's length (0: a backslash), the separator, the path;
 // one byte per 16-bit unit.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size == 0) {
-        return 0;
-    }
-    const std::size_t separatorLength = std::min<std::size_t>(data[0] % 4, size - 1);
-    const ustring separator =
-        separatorLength == 0 ? ustring(u"\\") : ustring(data + 1, data + 1 + separatorLength);
-    const ustring path(data + 1 + separatorLength, data + size);
-    const ustring out = kestrel::PluginLoader::preProcessPath(path, separator);
+    const auto has = [](const ustring& s, const ustring& part) { return s.find(part) != s.npos; };
+    const auto hasToken = [&](const ustring& s) {
+        return has(s, u"$QX_INSTALL_ROOT") || has(s, u"$QX_ARCH");
+    };
+    const std::size_t length = size > 0 ? std::min<std::size_t>(data[0] % 4, size - 1) : 0;
+    const ustring separator = length == 0 ? u"\\" : ustring(data + 1, data + 1 + length);
+    const ustring path(data + std::min<std::size_t>(size, 1 + length), data + size);
+    const ustring out = PluginLoader::preProcessPath(path, separator);
 
-    const bool plainSeparator = !contains(separator, u"\\");
-    FUZZ_CHECK(!plainSeparator || !contains(out, separator));
+    const bool plainSeparator = !has(separator, u"\\");
+    FUZZ_CHECK(!plainSeparator || !has(out, separator));
     FUZZ_CHECK(out.size() <= path.size() + fl::filesystem::get_install_path().size());
-    if (!hasToken(path) && (separator == u"\\" || !contains(path, separator))) {
+    if (!hasToken(path) && (separator == u"\\" || !has(path, separator))) {
         FUZZ_CHECK(out == path.substr(0, path.rfind(u'.')));
     }
-    if (!hasToken(out) && !contains(out, u".") && (plainSeparator || separator == u"\\")) {
-        FUZZ_CHECK(kestrel::PluginLoader::preProcessPath(out, separator) == out);
+    if (!hasToken(out) && !has(out, u".") && (plainSeparator || separator == u"\\")) {
+        FUZZ_CHECK(PluginLoader::preProcessPath(out, separator) == out);
     }
     return 0;
 }

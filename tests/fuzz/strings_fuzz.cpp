@@ -7,31 +7,21 @@
 #include "fuzz_check.h"
 #include "kestrel/strings.h"
 
-using kestrel_fuzz::sign;
+using namespace kestrel;
 
 // Input: n for truncate, then two texts separated by the first 0xFF byte.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size == 0) {
-        return 0;
-    }
-    const std::size_t n = data[0];
-    const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
-    const std::size_t split = std::min(rest.find('\xff'), rest.size());
-    const std::string a = rest.substr(0, split);
-    const std::string b = split < rest.size() ? rest.substr(split + 1) : "";
-    const auto bText = kestrel_fuzz::exactCopy(b);
-
-    const int ab = kestrel::caselessCompare(a, b);
-    FUZZ_CHECK(kestrel::caselessCompare(a, bText.get()) == ab);
-    FUZZ_CHECK(sign(kestrel::caselessCompare(b, a)) == -sign(ab));
-    FUZZ_CHECK(sign(std::strcmp(kestrel::toLower(a).c_str(), kestrel::toLower(b).c_str())) ==
-               sign(ab));
-    FUZZ_CHECK(kestrel::caselessIsLessThan(a, b) == (ab < 0));
-    FUZZ_CHECK(kestrel::caselessCompare(a, kestrel::toUpper(a)) == 0);
-
+    const auto sign = [](int value) { return (value > 0) - (value < 0); };
+    const std::size_t n = size > 0 ? data[0] : 0;
+    const auto [a, b] = kestrel_fuzz::splitAt(std::string(data + (size > 0), data + size), '\xff');
+    const int ab = caselessCompare(a, b);
+    FUZZ_CHECK(caselessCompare(a, kestrel_fuzz::exactCopy(b).get()) == ab);
+    FUZZ_CHECK(sign(caselessCompare(b, a)) == -sign(ab));
+    FUZZ_CHECK(sign(std::strcmp(toLower(a).c_str(), toLower(b).c_str())) == sign(ab));
+    FUZZ_CHECK(caselessIsLessThan(a, b) == (ab < 0));
+    FUZZ_CHECK(caselessCompare(a, toUpper(a)) == 0);
     std::string cut = a;
-    FUZZ_CHECK(kestrel::truncate(cut, n) == (n < a.size()));
-    FUZZ_CHECK(cut.size() == std::min(n, a.size()));
+    FUZZ_CHECK(truncate(cut, n) == (n < a.size()) && cut.size() == std::min(n, a.size()));
     FUZZ_CHECK(a.compare(0, cut.size(), cut) == 0);
     return 0;
 }

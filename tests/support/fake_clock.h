@@ -2,8 +2,10 @@
 // Timestamp. Time moves only when the test says so.
 #pragma once
 
+#include <atomic>
 #include <cmath>
 
+#include "support/timing.h"
 #include "time/process_clock.h"
 
 namespace kestrel_test {
@@ -15,7 +17,8 @@ namespace kestrel_test {
 // by one wall-clock step of 1 ms, as a process spinning on the wall clock
 // would see; that is what ends the calibration's wait for a step. The wall
 // clock counts from its own epoch, 1601 as on Windows, so that the epoch's
-// handling shows.
+// handling shows. Setting pause to 0 makes the next stopwatch read, on
+// whatever thread, set it to 1 and wait there until the test sets it to 2.
 class FakeClock : public kestrel::detail::ClockSources {
   public:
     explicit FakeClock(double wallSeconds = 1.7e9) {
@@ -38,9 +41,14 @@ class FakeClock : public kestrel::detail::ClockSources {
     }
     std::int64_t wallTicksAtTimeZero() override { return kTimeZero; }
     std::int64_t steadyNanoseconds() override {
+        if (pause == 0) {
+            pause = 1;
+            waitFor([&] { return pause == 2; });
+        }
         _wallReadsInARow = 0;
         return _steady;
     }
+    std::atomic<int> pause{-1};
 
   private:
     static constexpr std::int64_t kTimeZero = 116444736000000000;  // 1970 in 100-ns ticks

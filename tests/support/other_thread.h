@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <thread>
 
 #include "support/timing.h"
@@ -21,12 +20,12 @@ constexpr double kBlockedAfter = 10 * kSchedulingAllowance;
 // that does not finish is stuck: the test program stops at once, since the
 // objects it is stuck on are about to be destroyed under it.
 inline void runOnAnotherThread(const std::function<void()>& action) {
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread other([action, done] {
+    std::atomic<bool> done{false};
+    std::thread other([&] {
         action();
-        *done = true;
+        done = true;
     });
-    if (!waitFor([&] { return done->load(); }, kBlockedAfter)) {
+    if (!waitFor([&] { return done.load(); }, kBlockedAfter)) {
         std::fprintf(stderr, "blocked: a lock was left held\n");
         std::abort();
     }

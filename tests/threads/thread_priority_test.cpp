@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -12,28 +11,26 @@
 #include "support/timing.h"
 
 using kestrel::Thread;
+using kestrel_test::waitFor;
 
-// Records the nice value that it has once start() has returned.
-struct PriorityProbe : Thread {
-    using Thread::Thread;
-    static int ownNice() { return getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())); }
-    std::atomic<int> started{0}, nice{100};
-    bool run() override {
-        kestrel_test::waitFor([&] { return started == 1; });
-        nice = ownNice();
-        return true;
-    }
-};
-
-TEST(ThreadTest, StartsOnceAtItsPriorityWhichShiftsTheNiceValueByTwo) {
-    const int created = PriorityProbe::ownNice();  // new threads inherit it
+TEST(ThreadTest, StartsAtItsPriorityWhichShiftsTheNiceValueByTwo) {
+    // On Linux each thread has a nice value of its own, and new ones inherit it.
+    const int created = getpriority(PRIO_PROCESS, 0);
     bool mayRaise = false;
     std::thread([&] { mayRaise = setpriority(PRIO_PROCESS, 0, created - 2) == 0; }).join();
     const int low = created < 17 ? created + 2 : 19, high = mayRaise ? created - 2 : created;
     // Pairs of priority and nice value: low, high, normal, and any other value as normal.
     const int expected[][2] = {{0, low}, {2, high}, {1, created}, {7, created}};
     for (const auto& [priority, nice] : expected) {
-        PriorityProbe probe(static_cast<Thread::ThreadPriority>(priority));
+        struct Probe : Thread {  // reads its nice value once start() has returned
+            using Thread::Thread;
+            std::atomic<int> started{0}, nice{100};
+            bool run() override {
+                waitFor([&] { return started == 1; });
+                nice = getpriority(PRIO_PROCESS, 0);
+                return true;
+            }
+        } probe(static_cast<Thread::ThreadPriority>(priority));
         EXPECT_TRUE(probe.start());
         probe.started = 1;
         probe.join();
@@ -49,7 +46,6 @@ TEST(TimerThreadTest, RunsWithoutTimerSlack) {
         void executing() override { slack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0); }
     } timer;
     ASSERT_TRUE(timer.start());
-    EXPECT_TRUE(kestrel_test::waitFor([&] { return timer.slack != -1; }));
-    timer.stop();
+    EXPECT_TRUE(waitFor([&] { return timer.slack != -1; }));
     EXPECT_EQ(timer.slack, 1);
 }

@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 #include <strings.h>
 
+#include <chrono>
+#include <future>
 #include <string>
 
+#include "kestrel/exception.h"
 #include "kestrel/formatting.h"
+#include "kestrel/lock.h"
 #include "kestrel/strings.h"
 #include "support/fake_clock.h"
 
@@ -20,10 +24,9 @@ TEST(StringsTest, AppendsNumberAndTruthTextsAsAClassicStream) {
 
 TEST(StringsTest, CaselessComparisonIsStrcasecmpAndCaseHelpersKeepOtherBytes) {
     EXPECT_EQ(caselessCompare(std::string("ab\0x", 4), std::string("AB\0y", 4)), 0);
-    EXPECT_TRUE(caselessIsLessThan("A_", "aa"));  // the underscore sorts before the letters
-    EXPECT_FALSE(caselessIsLessThan("abc", "ABC") || caselessIsLessThan("ABC", "abc"));
-    for (int ab = 1; ab < 256 * 256; ++ab) {  // every pair of texts of up to one byte
-        const char a[] = {static_cast<char>(ab / 256), 0}, b[] = {static_cast<char>(ab % 256), 0};
+    for (int ab = 1; ab < 256 * 256; ++ab) {  // every pair of bytes after a letter
+        const char a[] = {'q', static_cast<char>(ab / 256), 0};
+        const char b[] = {'Q', static_cast<char>(ab % 256), 0};
         // Bytes above 127 are no letters in the C locale and compare as unsigned
         // values; Wine's C runtime compares them as signed, so it is the
         // reference for the others only.
@@ -31,6 +34,7 @@ TEST(StringsTest, CaselessComparisonIsStrcasecmpAndCaseHelpersKeepOtherBytes) {
         const int want = ascii ? strcasecmp(a, b) : ab / 256 - ab % 256;
         const int got = caselessCompare(a, b);
         ASSERT_EQ((got > 0) - (got < 0), (want > 0) - (want < 0)) << ab;
+        ASSERT_EQ(caselessIsLessThan(a, b), want < 0) << ab;
     }
     EXPECT_EQ(toUpper("a1-b_c! \xe9"), "A1-B_C! \xe9");
     EXPECT_EQ(toLower("MiXeD 42."), "mixed 42.");
@@ -48,7 +52,7 @@ static std::string format(const char* text, const char* indent, bool period = fa
 
 TEST(FormatTextTest, TrimsIndentsAndEndsWithOnePeriodAndNewline) {
     EXPECT_EQ(format(nullptr, "> ", true, true), "previous");
-    EXPECT_EQ(format("\n\tabc\r\n", nullptr), "abc");
+    EXPECT_EQ(format("\n\tabc\r\x1f", nullptr), "abc");
     EXPECT_EQ(format(" abc ", ""), " abc ");
     EXPECT_EQ(format("\t\xc3\xa9t\xc3\xa9\n", nullptr), "\xc3\xa9t\xc3\xa9");  // UTF-8 kept
     EXPECT_EQ(format("first\nsecond", "Note: "), "Note: first\n      second");
@@ -66,4 +70,31 @@ TEST(IdentifierTest, SeriesStartAtOneAndAtTheCurrentSecond) {
     EXPECT_EQ(fcns::getUniqueID(), 1234567890);
     clock.advance(100.0);
     EXPECT_EQ(fcns::getUniqueID(), 1234567891);
+}
+
+TEST(KSExceptionTest, PiecesAreCutTo2047CharactersAndJoinedWithoutSeparator) {
+    const std::string over(3000, 'y');
+    KSException e(nullptr, "%s", over.c_str());
+    EXPECT_STREQ(e.getID(), "");
+    EXPECT_EQ(e.getMessage(), over.substr(0, 2047));
+    e.setMessage("abc%d", 1);
+    e.appendMessage("%s", over.c_str());  // the limit holds for each piece
+    e.prependMessage("x%s", "y");
+    e.appendMessage(nullptr);
+    e.prependMessage(nullptr);
+    EXPECT_EQ(e.getMessage(), "xyabc1" + over.substr(0, 2047));
+}
+
+TEST(KSCriticalSectionTest, OtherThreadEntersOnlyAfterTheLastLeave) {
+    KSCriticalSection lock;
+    lock.enter();
+    lock.enter();
+    lock.leave();  // still held once
+    auto other = std::async(std::launch::async, [&] {
+        lock.enter();
+        lock.leave();
+    });
+    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    lock.leave();
+    EXPECT_EQ(other.wait_for(std::chrono::seconds(5)), std::future_status::ready);
 }
