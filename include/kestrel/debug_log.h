@@ -53,11 +53,7 @@ class KESTREL_API KSDebugLog {
     KSDebugLog& operator=(const KSDebugLog&) = delete;
 
     // Writes one record; true when it went to at least one destination.
-    bool writeString(const char* format, ...)
-#if defined(__GNUC__)
-        __attribute__((format(printf, 2, 3)))
-#endif
-        ;
+    bool writeString(const char* format, ...) KESTREL_PRINTF_FORMAT(2, 3);
 
     // The file's name; empty when no file was opened.
     std::string getFileName();

@@ -150,7 +150,7 @@ class KESTREL_API IMergeEventInfoFcn {
 class KESTREL_API IEvent {
   public:
     // Takes over the caller's reference to info (null allowed).
-    explicit IEvent(IEventInfo* info = nullptr);
+    IEvent(IEventInfo* info = nullptr);
     IEvent(const IEvent&) = delete;
     IEvent& operator=(const IEvent&) = delete;
     // Releases the information record.
@@ -315,7 +315,7 @@ class KESTREL_API EventManager {
     bool isProcessingThread() const;
 
   private:
-    explicit EventManager(const EventQueue::IEventQueueHandler* const handler);
+    EventManager(const EventQueue::IEventQueueHandler* const handler);
     ~EventManager();
 
     std::unique_ptr<EventQueue> _eventQueue;
@@ -356,7 +356,7 @@ class KESTREL_API EventThread : protected WorkThread {
     };
 
     // A stopped event thread whose stops treat queued events as mode says.
-    explicit EventThread(StopProcessingMode mode = DISCARD_PENDING_EVENTS);
+    EventThread(StopProcessingMode mode = DISCARD_PENDING_EVENTS);
     ~EventThread() override;
 
     // Starts the thread; returns once its queue exists.
@@ -473,7 +473,7 @@ class KESTREL_API EventInfoLog {
     static constexpr int NO_LIMIT = -1;
 
     // An empty log with the limit maxToLog, as setMaxToLog() takes it.
-    explicit EventInfoLog(int maxToLog = NO_LIMIT);
+    EventInfoLog(int maxToLog = NO_LIMIT);
     EventInfoLog(const EventInfoLog&) = delete;
     EventInfoLog& operator=(const EventInfoLog&) = delete;
     virtual ~EventInfoLog();

@@ -16,7 +16,13 @@
 // KESTREL_PRINTF_FORMAT(f, a) lets the compiler check printf-style calls:
 // f is the 1-based position of the format parameter (counting `this` for
 // members), a that of the first variadic argument, or 0 for a va_list.
-#if defined(__GNUC__) || defined(__clang__)
+//
+// A host that builds with -Werror=format-security and passes ready-made
+// messages as formats (KSException("id", message)) defines
+// KESTREL_NO_FORMAT_CHECKS before including any kestrel header (or with
+// -DKESTREL_NO_FORMAT_CHECKS) to switch the checks off. The library's own
+// build keeps them: they find real bugs.
+#if (defined(__GNUC__) || defined(__clang__)) && !defined(KESTREL_NO_FORMAT_CHECKS)
 #define KESTREL_PRINTF_FORMAT(f, a) __attribute__((format(printf, f, a)))
 #else
 #define KESTREL_PRINTF_FORMAT(f, a)

@@ -11,6 +11,9 @@
 #include <limits>
 #include <memory>
 
+// The identifier type of Thread::getID() is the threading library's own.
+#include <boost/thread/thread_only.hpp>
+
 #include "kestrel/export.h"
 #include "kestrel/time.h"
 
@@ -44,29 +47,8 @@ class KESTREL_API Thread {
     // A duration without a time limit.
     static constexpr double INFINITE_SECONDS = std::numeric_limits<double>::infinity();
 
-    // Identifies a thread object's operating-system thread. A default ID
-    // names no thread; IDs compare equal when they name the same thread.
-    //
-    // Thread safety: a plain value; not locked.
-    // Lifetime: copyable; an ID outlives the thread it names.
-    // Errors: never throws.
-    class KESTREL_API ID {
-      public:
-        // The ID that names no thread.
-        ID() noexcept;
-        // Equal when both name the same thread (or both name none); < is a
-        // strict weak order, so IDs can be map keys.
-        bool operator==(const ID& other) const noexcept;
-        bool operator!=(const ID& other) const noexcept;
-        bool operator<(const ID& other) const noexcept;
-
-      private:
-        friend class Thread;
-        alignas(8) unsigned char _storage[16];
-    };
-
     // An inactive thread object that will start its threads at priority.
-    explicit Thread(ThreadPriority priority = NORMAL_PRIORITY);
+    Thread(ThreadPriority priority = NORMAL_PRIORITY);
     virtual ~Thread();
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
@@ -89,13 +71,14 @@ class KESTREL_API Thread {
     static void sleep(double seconds);
     // Gives up the rest of the calling thread's time slice.
     static void yield();
-    // The ID of the calling thread, for comparison with getID().
-    static ID getCurrentID();
 
   protected:
-    // The ID of the thread of the current start; the default ID when there is
-    // none (never started, or joined).
-    ID getID() const;
+    // The threading library's identifier of the thread of the current start,
+    // for comparison with boost::this_thread::get_id(); the default
+    // (not-a-thread) identifier when there is none (never started, or
+    // joined). Called by the subclass, from any thread that does not race
+    // with start() or join().
+    boost::thread::id getID() const;
 
   private:
     // The thread's body, called on the new thread.
@@ -122,7 +105,7 @@ class KESTREL_API Event {
   public:
     // An auto-reset event unless manualReset; set from the start when
     // initialState is true.
-    explicit Event(bool manualReset = false, bool initialState = false);
+    Event(bool manualReset = false, bool initialState = false);
     ~Event();
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
@@ -183,7 +166,7 @@ class KESTREL_API WorkThread : protected Thread {
     enum ThreadState : std::int32_t { STOPPED = 0, STARTING = 1, RUNNING = 2, STOPPING = 3 };
 
     // A stopped work thread that will run at priority.
-    explicit WorkThread(Thread::ThreadPriority priority = Thread::NORMAL_PRIORITY);
+    WorkThread(Thread::ThreadPriority priority = Thread::NORMAL_PRIORITY);
     ~WorkThread() override;
 
     // Starts the work thread and returns once starting() is over. True also
@@ -266,11 +249,13 @@ class KESTREL_API TimerThread : protected WorkThread {
     };
 
     // A period that setPeriod() refuses leaves the period at 1.0 seconds.
-    explicit TimerThread(ExecutionMode mode = FIXED_RATE, double period = 1.0);
+    TimerThread(ExecutionMode mode = FIXED_RATE, double period = 1.0);
     ~TimerThread() override;
 
-    using WorkThread::start;
-    using WorkThread::stop;
+    // WorkThread's start() and stop(), offered as the timer's own (so that
+    // &TimerThread::start is a member of TimerThread).
+    bool start();
+    bool stop();
 
     // Seconds between executions. Zero, negative, NaN and infinite periods
     // are ignored. A running timer is stopped and started again with the new

@@ -82,7 +82,7 @@ class KESTREL_API Timestamp {
 class KESTREL_API ElapsedTimer {
   public:
     // Starts at once unless startNow is false.
-    explicit ElapsedTimer(bool startNow = true);
+    ElapsedTimer(bool startNow = true);
     virtual ~ElapsedTimer();
     ElapsedTimer(const ElapsedTimer&) = delete;
     ElapsedTimer& operator=(const ElapsedTimer&) = delete;

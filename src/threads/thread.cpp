@@ -1,30 +1,12 @@
 #include <boost/thread/barrier.hpp>
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
-#include <cstring>
-#include <type_traits>
 
 #include "kestrel/threads.h"
 #include "platform/platform.h"
 #include "threads/thread_support.h"
 
 namespace kestrel {
-
-// ID keeps the threading library's identifier in opaque storage.
-static_assert(std::is_trivially_copyable<boost::thread::id>::value,
-              "Thread::ID copies the identifier byte-wise");
-static_assert(sizeof(boost::thread::id) <= 16 && alignof(boost::thread::id) <= 8,
-              "Thread::ID storage too small for the thread identifier");
-
-namespace {
-
-boost::thread::id unpack(const unsigned char* storage) {
-    boost::thread::id id;
-    std::memcpy(static_cast<void*>(&id), storage, sizeof(id));
-    return id;
-}
-
-}  // namespace
 
 // One per Thread: the operating-system thread of the current start and the
 // rendezvous with it.
@@ -104,24 +86,6 @@ void Thread::ThreadImpl::join() {
     _active = false;
 }
 
-Thread::ID::ID() noexcept {
-    const boost::thread::id none;
-    std::memset(_storage, 0, sizeof(_storage));
-    std::memcpy(_storage, static_cast<const void*>(&none), sizeof(none));
-}
-
-bool Thread::ID::operator==(const ID& other) const noexcept {
-    return unpack(_storage) == unpack(other._storage);
-}
-
-bool Thread::ID::operator!=(const ID& other) const noexcept {
-    return !(*this == other);
-}
-
-bool Thread::ID::operator<(const ID& other) const noexcept {
-    return unpack(_storage) < unpack(other._storage);
-}
-
 Thread::Thread(ThreadPriority priority) : _impl(std::make_unique<ThreadImpl>(this, priority)) {}
 
 Thread::~Thread() = default;
@@ -138,18 +102,8 @@ bool Thread::isActive() const {
     return _impl->isActive();
 }
 
-Thread::ID Thread::getID() const {
-    ID id;
-    const boost::thread::id native = _impl->getID();
-    std::memcpy(id._storage, static_cast<const void*>(&native), sizeof(native));
-    return id;
-}
-
-Thread::ID Thread::getCurrentID() {
-    ID id;
-    const boost::thread::id native = boost::this_thread::get_id();
-    std::memcpy(id._storage, static_cast<const void*>(&native), sizeof(native));
-    return id;
+boost::thread::id Thread::getID() const {
+    return _impl->getID();
 }
 
 std::size_t Thread::getNumCores() {

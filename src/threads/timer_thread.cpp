@@ -34,6 +34,14 @@ TimerThread::~TimerThread() {
     stop();
 }
 
+bool TimerThread::start() {
+    return WorkThread::start();
+}
+
+bool TimerThread::stop() {
+    return WorkThread::stop();
+}
+
 void TimerThread::setPeriod(double period) {
     if (!(period > 0.0) || period == Thread::INFINITE_SECONDS || getPeriod() == period) {
         return;
