@@ -84,6 +84,7 @@ TEST(PluginWin32PathsTest, PluginsAndSearchPathsBeyondAsciiLoad) {
     const fs::path deps = folder.dir() / fs::u8path(u8"d\u00e9pendances");
     PluginFolder::copy("entry_plugin.dll", folder.dir() / "entry_plugin.dll");
     PluginFolder::copy("dependent_plugin.dll", folder.dir() / "dependent_plugin.dll");
+    fs::create_directories(deps);
     for (const fs::directory_entry& file : fs::directory_iterator(binDir() / "plugin_deps")) {
         fs::copy_file(file.path(), deps / file.path().filename());
     }
