@@ -22,17 +22,24 @@ namespace kestrel {
 
 // A debug-output file and/or the debugger output.
 //
-// Thread safety: the object is not synchronised: write from one thread at a
-//   time, or serialise the calls. (The C runtime writes each record to the
-//   file in one piece.)
+// Thread safety: writeString may be called from several threads at once; the
+//   C runtime writes each record to the file in one piece. Construction and
+//   destruction are not synchronised with writes.
 // Lifetime: a file mode opens the file at construction (the name comes from
 //   the foundation services: the temporary directory, the prefix and a unique
 //   part) and closes it at destruction, which also flushes a buffered stream.
+//   The file is always in the temporary directory: the prefix is a name, not
+//   a path (separators, colons and characters Windows refuses in names become
+//   "_", a Windows device name gets a "_" in front, and it is cut to 64
+//   characters). If the file cannot be opened, the empty file made for it is
+//   removed.
 // Errors: the constructor throws KSException "ksdebuglog:fileopen::accessDenied"
 //   when the foundation services are refused access while naming the file,
 //   and "ksdebuglog::fileOpen::cantopenfile" when the file cannot be opened;
-//   the message ends with a blank and the system's text for the error. Other
-//   exceptions of the foundation services pass through. Writes never throw
+//   the message ends with a blank and the system's text for the error, as
+//   UTF-8. A name that has no exact UTF-8 form is refused as "cantopenfile".
+//   Other exceptions of the foundation services (a missing temporary
+//   directory: std::filesystem::filesystem_error) pass through. Writes never throw
 //   and failing writes are not reported.
 class KESTREL_API KSDebugLog {
   public:
@@ -55,7 +62,8 @@ class KESTREL_API KSDebugLog {
     // Writes one record; true when it went to at least one destination.
     bool writeString(const char* format, ...) KESTREL_PRINTF_FORMAT(2, 3);
 
-    // The file's name; empty when no file was opened.
+    // The file's full name as UTF-8 (on Windows too: convert it to UTF-16
+    // for the system's calls); empty when no file was opened.
     std::string getFileName();
 
   private:

@@ -1,7 +1,9 @@
 // Seams of KSDebugLog for tests (internal).
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
+#include <string>
 
 #include "kestrel/export.h"
 
@@ -18,6 +20,11 @@ KESTREL_API void setDebuggerOutputForTesting(DebuggerOutputFcn fcn);
 // Opens the debug-output files with fcn instead of std::fopen; null
 // restores it.
 KESTREL_API void setFileOpenForTesting(FileOpenFcn fcn);
+
+// The system's text (UTF-16 on Windows, UTF-32 elsewhere) as UTF-8, cut to
+// fit a buffer of size characters with its terminator, at a character's
+// boundary. Empty for null.
+KESTREL_API std::string narrowSystemText(const wchar_t* text, std::size_t size);
 
 }  // namespace detail
 }  // namespace kestrel

@@ -6,6 +6,7 @@
 
 #include "platform/debug_output.h"
 #include "platform/dynamic_library.h"
+#include "platform/files.h"
 #include "platform/local_time.h"
 #include "platform/system_error.h"
 #include "platform/thread_priority.h"

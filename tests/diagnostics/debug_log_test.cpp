@@ -95,12 +95,106 @@ TEST(KSDebugLogTest, DebuggerRecordsReachTheSystemsDebuggerOutput) {
     EXPECT_EQ(textOf(*seen), "3 apples\n");
 }
 
+// A temporary directory whose name is beyond ASCII and beyond the Western
+// code pages, as a user's profile folder may be.
+const std::string kWorldwideSuffix = u8"_Jos\u00e9_\u65e5\u672c";
+
+TEST(KSDebugLogTest, PrefixesNameAFileInsideTheTemporaryDirectoryWhateverTheyHold) {
+    const kestrel_test::ScopedTmpdir tmpdir(kWorldwideSuffix);
+    const std::filesystem::path outside = tmpdir.dir().parent_path();
+    const auto entriesOutside = [&] {
+        const std::filesystem::directory_iterator entries(outside);
+        return std::distance(begin(entries), end(entries));
+    };
+    const auto before = entriesOutside();
+    const std::pair<std::string, std::string> prefixes[] = {
+        {"../x", ".._x"},
+        {"..\\x", ".._x"},
+        {"/etc/x", "_etc_x"},
+        {"C:\\x", "C__x"},
+        {"a/b/", "a_b_"},
+        {"NUL.", "_NUL."},
+        {"<|>?*\"", "______"},
+        {"", ""},
+        {u8"\u00e9t\u00e9", u8"\u00e9t\u00e9"},
+        {std::string(300, 'p'), std::string(64, 'p')}};
+    for (const auto& [prefix, expected] : prefixes) {
+        SCOPED_TRACE(prefix);
+        KSDebugLog log(prefix.c_str(), false);
+        // The name is UTF-8, and names the file on every system.
+        const std::filesystem::path name = std::filesystem::u8path(log.getFileName());
+        EXPECT_TRUE(std::filesystem::equivalent(name.parent_path(), tmpdir.dir()));
+        const std::string fileName = name.filename().u8string();
+        EXPECT_EQ(fileName.substr(0, expected.size()), expected);
+        EXPECT_LE(fileName.size(), expected.size() + 16);
+        EXPECT_EQ(textOf(readFile(name)), "VELOX Debug Output file.\n\n\n");
+    }
+    EXPECT_EQ(entriesOutside(), before);
+
+    // A missing temporary directory is the file-system service's failure,
+    // and reaches the caller as that service reported it.
+    kestrel_test::setEnv(kestrel_test::kTempDirVariable,
+                         (tmpdir.dir() / "missing").u8string().c_str());
+    EXPECT_THROW(KSDebugLog(), std::filesystem::filesystem_error);
+}
+
+// The system's text, whatever its language, arrives as UTF-8 and is cut
+// between characters.
+TEST(KSDebugLogTest, SystemTextIsConvertedToUtf8Exactly) {
+    using kestrel::detail::narrowSystemText;
+    const wchar_t* const localized = L"Acc\u00e8s refus\u00e9 \u65e5\u672c \U0001F600.\r\n";
+    EXPECT_EQ(narrowSystemText(localized, 1024),
+              u8"Acc\u00e8s refus\u00e9 \u65e5\u672c \U0001F600.\r\n");
+    EXPECT_EQ(narrowSystemText(localized, 10), u8"Acc\u00e8s re");
+    EXPECT_EQ(narrowSystemText(localized, 5), "Acc");  // not half an è
+    EXPECT_EQ(narrowSystemText(nullptr, 1024), "");
+    std::string cut;  // 1023 bytes would end inside the 512th character
+    for (int i = 0; i < 511; ++i) {
+        cut += u8"\u00e9";
+    }
+    EXPECT_EQ(narrowSystemText(std::wstring(2000, L'\u00e9').c_str(), 1024), cut);
+}
+
+// Several threads share one log, as components do with theirs.
+TEST(KSDebugLogTest, ConcurrentWritersEachWriteWholeRecords) {
+    const kestrel_test::ScopedTmpdir tmpdir;
+    std::filesystem::path name;
+    constexpr int kThreads = 4;
+    constexpr int kRecords = 200;
+    {
+        KSDebugLog log;
+        name = std::filesystem::u8path(log.getFileName());
+        boost::thread_group threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.create_thread([&log, t] {
+                for (int i = 0; i < kRecords; ++i) {
+                    log.writeString("writer %d record %d", t, i);
+                }
+            });
+        }
+        threads.join_all();
+    }
+    std::ifstream file(name);
+    std::string line;
+    int records = 0;
+    while (std::getline(file, line)) {
+        records += line.find(" (thread: ") != std::string::npos &&
+                   line.find(") writer ") != std::string::npos;
+    }
+    EXPECT_EQ(records, kThreads * kRecords);
+}
+
 // Replaces the new file by a directory before opening it, as another
 // program might.
 std::FILE* openAfterReplacingByDirectory(const char* name, const char* mode) {
     std::filesystem::remove(name);
     std::filesystem::create_directory(name);
     return std::fopen(name, mode);
+}
+
+// Opens a name below the new file, which is no directory.
+std::FILE* openBelowTheFile(const char* name, const char* mode) {
+    return std::fopen((std::string(name) + "/below").c_str(), mode);
 }
 
 // "<identifier> <message>" of the exception that opening a log throws.
@@ -119,7 +213,13 @@ TEST(KSDebugLogTest, OpeningFailuresCarryTheSystemText) {
     EXPECT_EQ(openingFailure(),
               "ksdebuglog::fileOpen::cantopenfile ERROR: Unable to open the debug output file. " +
                   kestrel_test::systemText(kestrel_test::kOpenedDirectory));
+    kestrel::detail::setFileOpenForTesting(&openBelowTheFile);
+    EXPECT_EQ(openingFailure().rfind("ksdebuglog::fileOpen::cantopenfile ERROR: Unable to open", 0),
+              0u);
     kestrel::detail::setFileOpenForTesting(nullptr);
+    // The file the name service made for the log that failed is gone.
+    const std::filesystem::directory_iterator files(tmpdir.dir());
+    EXPECT_EQ(std::distance(begin(files), end(files)), 1);  // the directory put in its place
 
     if (!std::filesystem::is_directory("/sys")) {
         GTEST_SKIP() << "needs sysfs at /sys: a directory that refuses new files even to root";

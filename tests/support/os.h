@@ -5,6 +5,7 @@
 
 #include <fl/i18n.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -44,9 +45,17 @@ constexpr ErrorCode kOpenedDirectory = ERROR_ACCESS_DENIED;
 // What a directory that refuses new files may answer.
 constexpr ErrorCode kCreationRefused[] = {ERROR_ACCESS_DENIED, ERROR_WRITE_PROTECT};
 
+// value is UTF-8. Both the C runtime's copy (getenv, TZ) and the process's
+// (Win32 calls) change; text beyond ASCII goes through the wide call, as the
+// narrow one would read it in the ANSI code page.
 inline void setEnv(const char* name, const char* value) {
-    // Both the C runtime's copy (getenv, TZ) and the process's (Win32 calls).
-    ::_putenv_s(name, value);
+    const std::string text(value);
+    if (std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; })) {
+        ::_putenv_s(name, value);
+    } else {
+        const std::wstring wideName = fl::i18n::to_wstring(fl::i18n::to_ustring(std::string(name)));
+        ::_wputenv_s(wideName.c_str(), fl::i18n::to_wstring(fl::i18n::to_ustring(text)).c_str());
+    }
 }
 inline void unsetEnv(const char* name) {
     ::_putenv_s(name, "");

@@ -1,6 +1,7 @@
 // Points the temporary-directory variable (TMPDIR; TMP on Windows) at a
-// fresh directory, named after the running test, in the current directory
-// while it lives, and removes the directory after.
+// fresh directory, named after the running test (and an optional UTF-8
+// suffix, to try names beyond ASCII), in the current directory while it
+// lives, and removes the directory after.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,23 +15,27 @@ namespace kestrel_test {
 
 class ScopedTmpdir {
   public:
-    ScopedTmpdir()
-        : _path((std::filesystem::current_path() /
-                 testing::UnitTest::GetInstance()->current_test_info()->name())
-                    .string()) {
-        std::filesystem::remove_all(_path);
-        std::filesystem::create_directories(_path);
+    explicit ScopedTmpdir(const std::string& suffix = std::string())
+        : _dir(std::filesystem::current_path() /
+               std::filesystem::u8path(
+                   testing::UnitTest::GetInstance()->current_test_info()->name() + suffix)),
+          _path(_dir.u8string()) {
+        std::filesystem::remove_all(_dir);
+        std::filesystem::create_directories(_dir);
         setEnv(kTempDirVariable, _path.c_str());
     }
     ~ScopedTmpdir() {
         unsetEnv(kTempDirVariable);
-        std::filesystem::remove_all(_path);
+        std::filesystem::remove_all(_dir);
     }
     ScopedTmpdir(const ScopedTmpdir&) = delete;
     ScopedTmpdir& operator=(const ScopedTmpdir&) = delete;
+    // As UTF-8.
     const std::string& path() const { return _path; }
+    const std::filesystem::path& dir() const { return _dir; }
 
   private:
+    const std::filesystem::path _dir;
     const std::string _path;
 };
 
