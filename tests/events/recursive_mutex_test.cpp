@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "events/opaque_mutex.h"
+#include "core/recursive_mutex.h"
 #include "support/other_thread.h"
 
 namespace {
