@@ -17,12 +17,11 @@ namespace kestrel_bench {
 // How big each workload is. A smoke run (--smoke) shrinks everything so that
 // the whole binary runs in a few seconds as a test.
 struct Sizes {
-    std::uint64_t events = 1000000;     // throughput and coalescing posts
-    int jobs = 100;                     // coalescing: distinct jobs
-    int busyLatencySamples = 2000;      // probes into a busy thread
-    int idleLatencySamples = 150;       // probes into an idle thread
-    int timerTicks = 200;               // timer workload
-    double timerPeriodSeconds = 0.005;  // 5 ms
+    std::uint64_t events = 1000000;  // throughput and coalescing posts
+    int jobs = 100;                  // coalescing: distinct jobs
+    int busyLatencySamples = 2000;   // probes into a busy thread
+    int idleLatencySamples = 150;    // probes into an idle thread
+    int timerTicks = 200;            // timer workload
 };
 
 Sizes& sizes();

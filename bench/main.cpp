@@ -72,6 +72,7 @@ int main(int argc, char** argv) {
     kestrel_bench::registerTimerWorkload();
     kestrel_bench::registerPluginWorkload();
     kestrel_bench::registerTextWorkload();
+    kestrel_bench::registerIdleWorkload();
 
     benchmark::Initialize(&count, args.data());
     if (benchmark::ReportUnrecognizedArguments(count, args.data())) {

@@ -1,26 +1,10 @@
 // Workloads 1 to 3: handing small pieces of work to one consumer thread.
-// Every contender offers the same three operations: start() (untimed),
-// post(task) from any thread, and stop() (untimed). The task runs on the
-// consumer thread.
-//
-//   kestrel  EventThread, tasks as IEvent objects (one allocation each, as
-//            the interface demands);
-//   asio     boost::asio::io_context with one thread in run(), post();
-//   poco     Poco::NotificationQueue drained by one thread;
-//   std      std::mutex + std::condition_variable + std::deque of
-//            std::function, the queue a team would write by hand.
-#include <Poco/AutoPtr.h>
-#include <Poco/Notification.h>
-#include <Poco/NotificationQueue.h>
+// The contenders (kestrel EventThread, Asio, POCO, a hand-written std queue)
+// are described in consumers.h.
 #include <benchmark/benchmark.h>
 
-#include <array>
 #include <atomic>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -31,151 +15,13 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "consumers.h"
 #include "kestrel/events.h"
 #include "workloads.h"
 
 namespace kestrel_bench {
 
 namespace {
-
-// ---- the contenders ----
-
-template <typename Task>
-class TaskEvent final : public kestrel::IEvent {
-  public:
-    explicit TaskEvent(Task task) : _task(std::move(task)) {}
-
-  private:
-    bool execute() override {
-        _task();
-        return true;
-    }
-    Task _task;
-};
-
-class KestrelConsumer {
-  public:
-    static constexpr const char* kName = "kestrel EventThread";
-    void start() { _thread.start(); }
-    void stop() { _thread.stop(); }
-    template <typename Task>
-    void post(Task task) {
-        (new TaskEvent<Task>(std::move(task)))->postEvent(_thread);
-    }
-    kestrel::EventThread& thread() { return _thread; }
-
-  private:
-    kestrel::EventThread _thread;
-};
-
-class AsioConsumer {
-  public:
-    static constexpr const char* kName = "asio io_context::post";
-    void start() {
-        _thread = std::thread([this] { _io.run(); });
-    }
-    void stop() {
-        _guard.reset();
-        _thread.join();
-    }
-    template <typename Task>
-    void post(Task task) {
-        boost::asio::post(_io, std::move(task));
-    }
-
-  private:
-    boost::asio::io_context _io;
-    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> _guard{
-        _io.get_executor()};
-    std::thread _thread;
-};
-
-class PocoTask : public Poco::Notification {
-  public:
-    virtual void run() = 0;
-};
-
-template <typename Task>
-class PocoTaskNotification final : public PocoTask {
-  public:
-    explicit PocoTaskNotification(Task task) : _task(std::move(task)) {}
-    void run() override { _task(); }
-
-  private:
-    Task _task;
-};
-
-class PocoConsumer {
-  public:
-    static constexpr const char* kName = "Poco NotificationQueue";
-    void start() {
-        _thread = std::thread([this] {
-            while (_running) {
-                Poco::AutoPtr<Poco::Notification> next(_queue.waitDequeueNotification());
-                static_cast<PocoTask*>(next.get())->run();
-            }
-        });
-    }
-    void stop() {
-        post([this] { _running = false; });
-        _thread.join();
-    }
-    template <typename Task>
-    void post(Task task) {
-        _queue.enqueueNotification(new PocoTaskNotification<Task>(std::move(task)));
-    }
-
-  private:
-    Poco::NotificationQueue _queue;
-    bool _running = true;  // only touched on the consumer thread
-    std::thread _thread;
-};
-
-class StdConsumer {
-  public:
-    static constexpr const char* kName = "std mutex+condvar+deque";
-    void start() {
-        _thread = std::thread([this] { consume(); });
-    }
-    void stop() {
-        {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _stopping = true;
-        }
-        _condition.notify_one();
-        _thread.join();
-    }
-    template <typename Task>
-    void post(Task task) {
-        {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _tasks.emplace_back(std::move(task));
-        }
-        _condition.notify_one();
-    }
-
-  private:
-    void consume() {
-        std::unique_lock<std::mutex> lock(_mutex);
-        for (;;) {
-            _condition.wait(lock, [this] { return !_tasks.empty() || _stopping; });
-            if (_tasks.empty()) {
-                return;
-            }
-            std::function<void()> task = std::move(_tasks.front());
-            _tasks.pop_front();
-            lock.unlock();
-            task();
-            lock.lock();
-        }
-    }
-
-    std::mutex _mutex;
-    std::condition_variable _condition;
-    std::deque<std::function<void()>> _tasks;  // guarded by _mutex
-    bool _stopping = false;                    // guarded by _mutex
-    std::thread _thread;
-};
 
 // Runs producers threads, each calling produce(index) once, and waits for
 // them.

@@ -16,5 +16,7 @@ void registerTimerWorkload();
 void registerPluginWorkload();
 // 8 text formatting and appending.
 void registerTextWorkload();
+// 9 idle threads.
+void registerIdleWorkload();
 
 }  // namespace kestrel_bench

@@ -1,10 +1,8 @@
-// The recursive mutex behind the events subsystem's public classes (internal).
+// The recursive mutex behind the events subsystem's public classes (internal):
+// every post and every pop of a queue takes it, see core/recursive_mutex.h.
 #pragma once
 
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/recursive_mutex.hpp>
-
-#include "core/busy_wait.h"
+#include "core/recursive_mutex.h"
 #include "kestrel/events.h"
 
 namespace kestrel {
@@ -12,21 +10,19 @@ namespace detail {
 
 class OpaqueMutex {
   public:
-    boost::recursive_mutex mutex;
+    RecursiveMutex mutex;
 };
 
-// Holds the mutex for a scope. Every section under these mutexes is short
-// (a post, a pop, a count), so a thread that finds one held retries for a
-// moment before it blocks.
+// Holds the mutex for a scope.
 class OpaqueGuard {
   public:
-    explicit OpaqueGuard(boost::recursive_mutex& mutex) : _mutex(mutex) { lockPromptly(mutex); }
+    explicit OpaqueGuard(RecursiveMutex& mutex) : _mutex(mutex) { _mutex.lock(); }
     ~OpaqueGuard() { _mutex.unlock(); }
     OpaqueGuard(const OpaqueGuard&) = delete;
     OpaqueGuard& operator=(const OpaqueGuard&) = delete;
 
   private:
-    boost::recursive_mutex& _mutex;
+    RecursiveMutex& _mutex;
 };
 
 }  // namespace detail

@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <atomic>
 #include <boost/chrono/system_clocks.hpp>
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <cmath>
 #include <cstddef>
 #include <ctime>
 #include <limits>
+#include <mutex>
 
-#include "core/busy_wait.h"
+#include "core/recursive_mutex.h"
 
 namespace kestrel {
 namespace detail {
@@ -101,8 +100,7 @@ class ClockCalibration {
         }
         // A locked request is short: concurrent ones (sampling and blending)
         // retry for a moment rather than put each other to sleep.
-        lockPromptly(calibrationLock);
-        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock, boost::adopt_lock);
+        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
         const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
@@ -112,7 +110,7 @@ class ClockCalibration {
     }
 
     double getSystemGranularity() {
-        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
         const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
@@ -121,7 +119,7 @@ class ClockCalibration {
     }
 
     void reset(ClockSources* replacement) {
-        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
         const WriteSection section(*this);
         sources = replacement != nullptr ? replacement : &systemSources;
         state = Uncalibrated;
@@ -131,7 +129,7 @@ class ClockCalibration {
     }
 
     std::int32_t getState() {
-        boost::lock_guard<boost::recursive_mutex> guard(calibrationLock);
+        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
         return state;
     }
 
@@ -337,7 +335,7 @@ class ClockCalibration {
         }
     }
 
-    boost::recursive_mutex calibrationLock;
+    RecursiveMutex calibrationLock;
     SystemClockSources systemSources;
     ClockSources* sources = &systemSources;  // guarded by calibrationLock
 
