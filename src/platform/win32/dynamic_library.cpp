@@ -19,6 +19,22 @@ static_assert(kLoadWithAlteredSearchPath == LOAD_WITH_ALTERED_SEARCH_PATH &&
                   kLoadLibrarySearchDefaultDirs == LOAD_LIBRARY_SEARCH_DEFAULT_DIRS,
               "loader flags differ from the system's");
 
+std::wstring fullPath(const std::wstring& path) {
+    std::wstring full(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length =
+            ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), &full[0], nullptr);
+        if (length == 0) {
+            return {};
+        }
+        if (length < full.size()) {
+            full.resize(length);
+            return full;
+        }
+        full.resize(length);
+    }
+}
+
 std::uint32_t SetErrorMode(std::uint32_t mode) {
     return ::SetErrorMode(mode);
 }
