@@ -30,10 +30,14 @@ bool endsWith(const ustring& text, const ustring& ending) {
            text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
 }
 
-// True when text is valid UTF-16, so that every conversion of it is exact.
-// A path that is not is never looked up or loaded: the lenient conversions
-// would turn it into a different path.
+// True when text is valid UTF-16 without a zero unit, so that every
+// conversion of it is exact and the system sees all of it. A path that is
+// not is never looked up or loaded: the lenient conversions, or the system
+// stopping at the zero, would turn it into a different path.
 bool convertsExactly(const ustring& text) {
+    if (text.find(u'\0') != ustring::npos) {
+        return false;
+    }
     try {
         fl::filesystem::codecvt_ustring_to_narrow_string(false).convert(text);
         return true;

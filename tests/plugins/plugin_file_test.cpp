@@ -201,6 +201,9 @@ TEST(PluginFileTest, PathsThatAreNotValidTextAreRefused) {
         EXPECT_EQ(capture.lines()[2].first, 512u);  // the missing-file line
     }
     EXPECT_EQ(loadOutcome(dir + u"/ab"), "loaded 42");
+    // The system would stop at a zero unit: "ab\0x" is not "ab.dll".
+    fs::copy_file(kDir + "/entry_plugin.dll", tmp.path() + "/ab");
+    EXPECT_EQ(loadOutcome(dir + u"/ab" + char16_t(0) + u"x"), kNotLoaded);
 
     // Narrow text in a code page ("Jos\xe9") is not UTF-8: refused.
     fs::copy_file(kDir + "/entry_plugin.dll", tmp.path() + "/Jos.dll");

@@ -15,7 +15,9 @@ namespace posix {
 
 namespace {
 
-// Upper bound for a dynamic string table we are willing to read.
+// Upper bounds for the dynamic section and its string table (real ones
+// have tens of entries and a few kilobytes of names).
+constexpr std::uint64_t kMaxDynamicSize = 1u << 20;
 constexpr std::uint64_t kMaxStringTableSize = 16u << 20;
 
 // True when [offset, offset + size) lies within [0, limit).
@@ -148,7 +150,8 @@ ElfImage inspectElfImage(std::uint64_t fileSize, const ReadAt& readAt) {
     }
     // The loader reads the dynamic section where it is mapped.
     std::uint64_t dynamicOffset = 0;
-    if (!within(dynamic->p_offset, dynamic->p_filesz, fileSize) ||
+    if (dynamic->p_filesz > kMaxDynamicSize ||
+        !within(dynamic->p_offset, dynamic->p_filesz, fileSize) ||
         !mapToFile(segments, dynamic->p_vaddr, dynamic->p_filesz, dynamicOffset)) {
         return refused("the dynamic section lies outside the loaded segments");
     }

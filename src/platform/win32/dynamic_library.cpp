@@ -2,7 +2,11 @@
 // system's own values.
 #include <windows.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <string>
 
 #include "platform/dynamic_library.h"
 
@@ -39,12 +43,51 @@ std::uint32_t SetErrorMode(std::uint32_t mode) {
     return ::SetErrorMode(mode);
 }
 
+namespace {
+
+// Ends the process: a library's initialisation threw through the system
+// loader and the exception reached us, past the loader's own frames and with
+// its lock in whatever state they left it. Saying why and stopping at once
+// is the only outcome that neither hangs nor corrupts. (The loader normally
+// stops such an exception itself and fails the load.)
+[[noreturn]] void loaderCannotRecover(const wchar_t* fileName, const char* cause) {
+    std::string name = "(null)";
+    if (fileName != nullptr) {
+        const int size =
+            ::WideCharToMultiByte(CP_UTF8, 0, fileName, -1, nullptr, 0, nullptr, nullptr);
+        name.assign(size > 0 ? static_cast<std::size_t>(size) : 1, '\0');
+        ::WideCharToMultiByte(CP_UTF8, 0, fileName, -1, &name[0], size, nullptr, nullptr);
+        name.resize(std::strlen(name.c_str()));
+    }
+    std::fprintf(stderr,
+                 "kestrel: loading the library %s failed: %s. The system loader cannot recover "
+                 "from this; the process ends now.\n",
+                 name.c_str(), cause);
+    std::fflush(stderr);
+    std::abort();
+}
+
+template <typename Load>
+ModuleHandle guardedLoad(const wchar_t* fileName, Load load) {
+    try {
+        return load();
+    } catch (const std::exception& e) {
+        const std::string cause = std::string("its initialisation threw an exception: ") + e.what();
+        loaderCannotRecover(fileName, cause.c_str());
+    } catch (...) {
+        loaderCannotRecover(fileName, "its initialisation threw an exception of unknown type");
+    }
+}
+
+}  // namespace
+
 ModuleHandle LoadLibraryW(const wchar_t* fileName) {
-    return ::LoadLibraryW(fileName);
+    return guardedLoad(fileName, [&] { return ::LoadLibraryW(fileName); });
 }
 
 ModuleHandle LoadLibraryExW(const wchar_t* fileName, void* reserved, std::uint32_t flags) {
-    return ::LoadLibraryExW(fileName, static_cast<HANDLE>(reserved), flags);
+    return guardedLoad(
+        fileName, [&] { return ::LoadLibraryExW(fileName, static_cast<HANDLE>(reserved), flags); });
 }
 
 DllDirectoryCookie AddDllDirectory(const wchar_t* directory) {
