@@ -41,10 +41,12 @@ constexpr std::uint32_t kLoadLibrarySearchApplicationDir = 0x200;
 constexpr std::uint32_t kLoadLibrarySearchUserDirs = 0x400;
 constexpr std::uint32_t kLoadLibrarySearchDefaultDirs = 0x1000;
 
-// path made absolute against the current directory (on POSIX a path that
-// starts with a slash or a backslash is absolute); empty when the current
-// directory cannot be had. Nothing else about the path changes on POSIX; on
-// Windows it is the system's full path name ("." and ".." resolved).
+// path made absolute against the current directory; a path that is already
+// absolute comes back unchanged (on POSIX one that starts with a slash or a
+// backslash; on Windows one that starts with a drive and a separator, or
+// with two separators). Empty when the current directory cannot be had. On
+// POSIX nothing else about the path changes; on Windows a relative path
+// becomes the system's full path name ("." and ".." resolved, backslashes).
 std::wstring fullPath(const std::wstring& path);
 
 // Sets the process-wide error mode; returns the previous one.

@@ -23,7 +23,7 @@ const std::string kDir = KESTREL_TEST_PLUGIN_DIR;
 const char* const kEntry = "kestrelTestEntry";
 // A relative path as load() tries it: made absolute against the current
 // directory.
-const std::string kRelative = (std::filesystem::current_path() / "dir/a.DLL.dll").u8string();
+const std::string kRelative = (std::filesystem::current_path() / "dir" / "a.DLL.dll").u8string();
 
 TEST(FoundationTest, ConvertsTextAndSkipsInvalidUnitsOnly) {
     const std::string text = u8"Gr\u00FC\u00DFe \u20AC \U0001D11E";

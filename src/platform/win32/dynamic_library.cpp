@@ -24,6 +24,13 @@ static_assert(kLoadWithAlteredSearchPath == LOAD_WITH_ALTERED_SEARCH_PATH &&
               "loader flags differ from the system's");
 
 std::wstring fullPath(const std::wstring& path) {
+    // "C:\x", "C:/x" and "\\server\share" name one file wherever the process
+    // is; "x", "C:x" and "\x" depend on its current directory or drive.
+    const auto separator = [](wchar_t c) { return c == L'\\' || c == L'/'; };
+    if ((path.size() >= 2 && separator(path[0]) && separator(path[1])) ||
+        (path.size() >= 3 && path[1] == L':' && separator(path[2]))) {
+        return path;
+    }
     std::wstring full(MAX_PATH, L'\0');
     for (;;) {
         const DWORD length =
