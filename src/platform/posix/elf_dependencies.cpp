@@ -108,7 +108,11 @@ bool nativeHeader(const ElfW(Ehdr) & header) {
 
 }  // namespace
 
-ElfImage inspectElfImage(std::uint64_t fileSize, const ReadAt& readAt) {
+ElfImage inspectElfImage(std::uint64_t fileSize, const ReadAt& readFile) {
+    // Nothing to read is never asked for (an empty table has no storage).
+    const auto readAt = [&](std::uint64_t offset, void* out, std::size_t size) {
+        return size == 0 || readFile(offset, out, size);
+    };
     ElfW(Ehdr) header{};
     if (fileSize < sizeof header || !readAt(0, &header, sizeof header) || !nativeHeader(header)) {
         return refused("not an ELF file of this system");
