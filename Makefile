@@ -60,7 +60,8 @@ docs:
 FUZZ_SECONDS ?= 20
 # Each fuzz target with its largest input in bytes (room for pieces beyond
 # the 2047-character formatting limit where that limit matters).
-FUZZERS ?= exception_fuzz:8192 format_text_fuzz:2048 preprocess_path_fuzz:512 strings_fuzz:512
+FUZZERS ?= exception_fuzz:8192 format_text_fuzz:2048 preprocess_path_fuzz:512 strings_fuzz:512 \
+	elf_dependencies_fuzz:4096 plugin_path_fuzz:512
 # No suppressions: the suite runs clean under valgrind as it stands.
 MEMCHECK_OPTIONS ?= --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite \
 	--gen-suppressions=all
@@ -82,7 +83,9 @@ fuzz:
 	@set -e; for entry in $(FUZZERS); do \
 	    name=$${entry%%:*}; corpus=build/fuzz/corpus/$$name; \
 	    mkdir -p $$corpus build/fuzz/artifacts; \
-	    cp -n tests/fuzz/corpus/$$name/* $$corpus/; \
+	    for seeds in tests/fuzz/corpus/$$name build/fuzz/fuzz/seeds/$$name; do \
+	        if [ -d $$seeds ]; then cp -n $$seeds/* $$corpus/; fi; \
+	    done; \
 	    echo "fuzz: $$name for $(FUZZ_SECONDS) s"; \
 	    build/fuzz/fuzz/$$name $$corpus -max_total_time=$(FUZZ_SECONDS) \
 	        -max_len=$${entry##*:} -timeout=10 -print_final_stats=1 \

@@ -78,10 +78,13 @@ class KESTREL_API IPluginReference {
 
 // Loads one plugin library and keeps it, with its entry point, for its own
 // lifetime. load() makes exactly one attempt: ".dll" is appended to the path
-// unless it already ends with it (case-sensitively; the path is otherwise
-// used as given), the file must exist, the strategy (if any) must accept
-// it, and the library is then loaded through a fixed sequence of loader
-// calls. The library search path, when not empty, is added for good to the
+// unless it already ends with it (case-sensitively), a relative path is made
+// absolute against the current directory (so that the file checked and
+// verified is the file loaded), the file must exist, the strategy (if any)
+// must accept it, and the library is then loaded through a fixed sequence
+// of loader calls. A path that is not valid UTF-16 counts as missing: it is
+// never converted into another path. See docs/plugin-safety.md for what a
+// broken or hostile plugin file can and cannot do. The library search path, when not empty, is added for good to the
 // process's list of library directories and used for the plugin's
 // dependencies.
 //
@@ -179,7 +182,9 @@ class KESTREL_API UnsignedPluginFactory : public IPluginFactory {
 // Errors: the constructors throw KSException as PluginReference::load.
 class KESTREL_API PluginLoader {
   public:
-    // Loads the plugin; pluginPath is UTF-8 text.
+    // Loads the plugin; pluginPath is UTF-8 text. Text that is not valid
+    // UTF-8 (such as a path in a Windows code page) is refused with
+    // "corvane:plugin:pluginNotLoaded" before anything is looked up.
     PluginLoader(const std::string& pluginPath, const std::string& pluginEntryPoint,
                  bool unloadOnDestruction, const ustring& libraryLoadSearchPath);
     // Loads the plugin; pluginPath is UTF-16 text.

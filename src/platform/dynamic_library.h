@@ -3,7 +3,11 @@
 // directory separator on every system.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
+
+#include "kestrel/export.h"
 
 namespace kestrel {
 namespace platform {
@@ -37,6 +41,14 @@ constexpr std::uint32_t kLoadLibrarySearchApplicationDir = 0x200;
 constexpr std::uint32_t kLoadLibrarySearchUserDirs = 0x400;
 constexpr std::uint32_t kLoadLibrarySearchDefaultDirs = 0x1000;
 
+// path made absolute against the current directory; a path that is already
+// absolute comes back unchanged (on POSIX one that starts with a slash or a
+// backslash; on Windows one that starts with a drive and a separator, or
+// with two separators). Empty when the current directory cannot be had. On
+// POSIX nothing else about the path changes; on Windows a relative path
+// becomes the system's full path name ("." and ".." resolved, backslashes).
+std::wstring fullPath(const std::wstring& path);
+
 // Sets the process-wide error mode; returns the previous one.
 std::uint32_t SetErrorMode(std::uint32_t mode);
 
@@ -55,6 +67,14 @@ DllDirectoryCookie AddDllDirectory(const wchar_t* directory);
 
 // The address of the exported symbol name, or null.
 void* GetProcAddress(ModuleHandle module, const char* name);
+
+#if !defined(_WIN32)
+// How many directories the calling thread's last LoadLibraryExW searched for
+// the library's dependencies (each distinct directory counts once).
+KESTREL_API std::size_t lastSearchedDirectoryCount();
+// How many files it inspected: the library and the dependencies it followed.
+KESTREL_API std::size_t lastInspectedFileCount();
+#endif
 
 // Releases one load of module; the library is unloaded with its last
 // release. False on failure.

@@ -25,8 +25,16 @@ void replaceFirst(ustring& text, const ustring& token, const ustring& replacemen
 
 PluginLoader::PluginLoader(const std::string& pluginPath, const std::string& pluginEntryPoint,
                            bool unloadOnDestruction, const ustring& libraryLoadSearchPath) {
-    load(fl::i18n::to_ustring(pluginPath), pluginEntryPoint, unloadOnDestruction,
-         libraryLoadSearchPath);
+    const ustring path = fl::i18n::to_ustring(pluginPath);
+    // The conversion skips what is not UTF-8 (such as text in a Windows code
+    // page); a path that does not come back unchanged would be a different
+    // path, so it is refused. The message shows what could be converted.
+    if (fl::i18n::to_string(path) != pluginPath) {
+        throw KSException("corvane:plugin:pluginNotLoaded",
+                          "Failure to load the requested plugin: %s.",
+                          fl::i18n::to_string(path).c_str());
+    }
+    load(path, pluginEntryPoint, unloadOnDestruction, libraryLoadSearchPath);
 }
 
 PluginLoader::PluginLoader(const ustring& pluginPath, const std::string& pluginEntryPoint,

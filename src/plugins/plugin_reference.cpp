@@ -30,6 +30,31 @@ bool endsWith(const ustring& text, const ustring& ending) {
            text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
 }
 
+// True when text is valid UTF-16 without a zero unit, so that every
+// conversion of it is exact and the system sees all of it. A path that is
+// not is never looked up or loaded: the lenient conversions, or the system
+// stopping at the zero, would turn it into a different path.
+bool convertsExactly(const ustring& text) {
+    if (text.find(u'\0') != ustring::npos) {
+        return false;
+    }
+    try {
+        fl::filesystem::codecvt_ustring_to_narrow_string(false).convert(text);
+        return true;
+    } catch (const fl::i18n::conversion_error&) {
+        return false;
+    }
+}
+
+// The path made absolute against the current directory, so that the file
+// checked and verified is the file the loader calls load (their own search
+// would start elsewhere, in the program's directory). Unchanged when the
+// current directory cannot be had.
+ustring absolutePath(const ustring& path) {
+    const std::wstring full = platform::fullPath(fl::i18n::to_wstring(path));
+    return full.empty() ? path : fl::i18n::to_ustring(full);
+}
+
 KSException pluginNotLoaded(const std::string& narrowPath) {
     return KSException("corvane:plugin:pluginNotLoaded",
                        "Failure to load the requested plugin: %s.", narrowPath.c_str());
@@ -57,7 +82,10 @@ void* loadLibraryAndAddGlobalSymbols(const ustring& filePath,
             path.c_str(), nullptr,
             platform::kLoadLibrarySearchDllLoadDir | platform::kLoadLibrarySearchDefaultDirs);
     }
-    if (module == nullptr && !libraryLoadSearchPath.empty()) {
+    // A search path that cannot be converted exactly is not added: it would
+    // name a different directory.
+    if (module == nullptr && !libraryLoadSearchPath.empty() &&
+        convertsExactly(libraryLoadSearchPath)) {
         const std::wstring directory = fl::i18n::to_wstring(libraryLoadSearchPath);
         if (api.addDllDirectory(directory.c_str()) != nullptr) {
             module = api.loadLibraryEx(path.c_str(), nullptr, platform::kLoadLibrarySearchUserDirs);
@@ -106,6 +134,9 @@ void PluginReference::load(const ustring& pluginPath, const std::string& pluginE
     if (!endsWith(filePath, u".dll")) {
         filePath += u".dll";
     }
+    if (convertsExactly(filePath)) {
+        filePath = absolutePath(filePath);
+    }
     const std::unique_ptr<KSException> failure = attemptLoad(filePath, libraryLoadSearchPath);
     if (failure != nullptr) {
         writeLine(kProgress, [&] {
@@ -136,7 +167,7 @@ std::unique_ptr<KSException> PluginReference::attemptLoad(const ustring& filePat
     const std::string narrowPath = fl::i18n::to_string(filePath);
     writeLine(kProgress, [&] { return "attemptLoad: filePath: " + narrowPath; });
 
-    if (!fl::filesystem::exists(filePath)) {
+    if (!convertsExactly(filePath) || !fl::filesystem::exists(filePath)) {
         writeLine(kFailure,
                   [&] { return "attemptLoad: filePath: " + narrowPath + " doesn't exist"; });
         return std::make_unique<KSException>(pluginNotLoaded(narrowPath));

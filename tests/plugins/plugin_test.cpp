@@ -3,6 +3,7 @@
 #include <fl/filesystem.h>
 #include <fl/i18n.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,9 @@ namespace {
 
 const std::string kDir = KESTREL_TEST_PLUGIN_DIR;
 const char* const kEntry = "kestrelTestEntry";
+// A relative path as load() tries it: made absolute against the current
+// directory.
+const std::string kRelative = (std::filesystem::current_path() / "dir" / "a.DLL.dll").u8string();
 
 TEST(FoundationTest, ConvertsTextAndSkipsInvalidUnitsOnly) {
     const std::string text = u8"Gr\u00FC\u00DFe \u20AC \U0001D11E";
@@ -78,8 +82,8 @@ TEST(PluginReferenceTest, EachLoadMakesItsCallsWritesItsLinesAndThrowsItsFailure
     // The dependent plugin fails without its search path (or with one that
     // is not absolute) before the directory is added, for good, to the process.
     const std::vector<LoadCase> cases = {
-        {"dir/a.DLL", "dir/a.DLL.dll", kEntry, "/search", "", 1, notLoaded + "dir/a.DLL.dll.",
-         "attemptLoad: filePath: dir/a.DLL.dll doesn't exist", Calls{}},
+        {"dir/a.DLL", kRelative, kEntry, "/search", "", 1, notLoaded + kRelative + ".",
+         "attemptLoad: filePath: " + kRelative + " doesn't exist", Calls{}},
         {dll, dll, kEntry, "", "", 1, "test:plugin:refused: refused", "Verification failed!",
          Calls{"verify " + dll, "exception " + dll}},
         {dll, dll, kEntry, "", "", 7, "throws 7", "", Calls{"verify " + dll}},

@@ -106,7 +106,7 @@ TEST(PluginWin32PathsTest, PluginsAndSearchPathsBeyondAsciiLoad) {
 
 // The loader's own search starts in the program's folder: a file of the same
 // relative name there must not be the one that is loaded.
-TEST(PluginWin32PathsTest, DISABLED_ARelativePathLoadsTheFileBelowTheCurrentDirectory) {
+TEST(PluginWin32PathsTest, ARelativePathLoadsTheFileBelowTheCurrentDirectory) {
     const PluginFolder folder(u8"relative_\u00e9");
     const fs::path decoy = programDir() / "shadow_sub" / "shadowed_plugin.dll";
     PluginFolder::copy("entry_plugin.dll", decoy);
@@ -122,7 +122,7 @@ TEST(PluginWin32PathsTest, DISABLED_ARelativePathLoadsTheFileBelowTheCurrentDire
 
 // "Jos\xe9" is "José" in code page 1252 and not UTF-8; dropping the byte
 // would name the folder "Jos", which holds a plugin too.
-TEST(PluginWin32PathsTest, DISABLED_NarrowPathsThatAreNotUtf8AreRefused) {
+TEST(PluginWin32PathsTest, NarrowPathsThatAreNotUtf8AreRefused) {
     const PluginFolder folder("invalid_narrow");
     PluginFolder::copy("entry_plugin.dll", folder.dir() / "Jos" / "entry_plugin.dll");
     PluginFolder::copy("entry_plugin.dll",

@@ -1,0 +1,138 @@
+// Writes the seed inputs of the fuzz targets that take files or paths:
+// small ELF images, well formed and broken in the ways files in a plugin
+// folder are broken, and plugin paths. Seeds are made here rather than kept
+// as binary files.
+//
+//   make_fuzz_seeds <directory>   (writes <directory>/<target>/<seed>)
+#include <elf.h>
+#include <link.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Bytes = std::vector<char>;
+
+// A shared object of one loaded segment holding everything: header, two
+// program headers (PT_LOAD, PT_DYNAMIC), a dynamic section needing two
+// libraries, and its string table.
+struct Image {
+    static constexpr std::size_t kPhoff = sizeof(ElfW(Ehdr));
+    static constexpr std::size_t kDynOff = kPhoff + 2 * sizeof(ElfW(Phdr));
+    static constexpr std::size_t kDynCount = 5;
+    static constexpr std::size_t kStrOff = kDynOff + kDynCount * sizeof(ElfW(Dyn));
+    static constexpr char kStrings[] = "\0liba.so\0libb.so\0";
+    static constexpr std::size_t kSize = kStrOff + sizeof kStrings;
+
+    ElfW(Ehdr) header{};
+    ElfW(Phdr) segments[2]{};
+    ElfW(Dyn) dynamic[kDynCount]{};
+
+    Image() {
+        std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+        header.e_ident[EI_CLASS] = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
+        header.e_ident[EI_DATA] = ELFDATA2LSB;
+        header.e_ident[EI_VERSION] = EV_CURRENT;
+        header.e_type = ET_DYN;
+        header.e_version = EV_CURRENT;
+        header.e_phoff = kPhoff;
+        header.e_ehsize = sizeof header;
+        header.e_phentsize = sizeof(ElfW(Phdr));
+        header.e_phnum = 2;
+        segments[0] = {};
+        segments[0].p_type = PT_LOAD;
+        segments[0].p_filesz = segments[0].p_memsz = kSize;
+        segments[0].p_align = 0x1000;
+        segments[1] = {};
+        segments[1].p_type = PT_DYNAMIC;
+        segments[1].p_offset = segments[1].p_vaddr = kDynOff;
+        segments[1].p_filesz = segments[1].p_memsz = kDynCount * sizeof(ElfW(Dyn));
+        dynamic[0].d_tag = DT_NEEDED;
+        dynamic[0].d_un.d_val = 1;
+        dynamic[1].d_tag = DT_NEEDED;
+        dynamic[1].d_un.d_val = 9;
+        dynamic[2].d_tag = DT_STRTAB;
+        dynamic[2].d_un.d_ptr = kStrOff;
+        dynamic[3].d_tag = DT_STRSZ;
+        dynamic[3].d_un.d_val = sizeof kStrings;
+        dynamic[4].d_tag = DT_NULL;
+    }
+
+    Bytes bytes() const {
+        Bytes out(kSize);
+        std::memcpy(out.data(), &header, sizeof header);
+        std::memcpy(out.data() + kPhoff, segments, sizeof segments);
+        std::memcpy(out.data() + kDynOff, dynamic, sizeof dynamic);
+        std::memcpy(out.data() + kStrOff, kStrings, sizeof kStrings);
+        return out;
+    }
+};
+
+void write(const fs::path& directory, const std::string& name, const Bytes& bytes) {
+    fs::create_directories(directory);
+    std::ofstream(directory / name, std::ios::binary)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+Bytes text(const std::string& s) {
+    return Bytes(s.begin(), s.end());
+}
+
+// A UTF-16 path input of plugin_path_fuzz: mode 0, then the units.
+Bytes units(const std::u16string& s) {
+    Bytes out{0};
+    for (const char16_t c : s) {
+        out.push_back(static_cast<char>(c & 0xFF));
+        out.push_back(static_cast<char>(c >> 8));
+    }
+    return out;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s <directory>\n", argv[0]);
+        return 2;
+    }
+    const fs::path elf = fs::path(argv[1]) / "elf_dependencies_fuzz";
+    const auto variant = [&](const std::string& name, auto change) {
+        Image image;
+        change(image);
+        write(elf, name, image.bytes());
+    };
+    variant("well_formed", [](Image&) {});
+    variant("many_headers", [](Image& i) { i.header.e_phnum = 0xFFFE; });
+    variant("headers_far", [](Image& i) { i.header.e_phoff = ~0ull - 8; });
+    variant("dynamic_huge", [](Image& i) { i.segments[1].p_filesz = 1ull << 60; });
+    variant("dynamic_far", [](Image& i) { i.segments[1].p_offset = ~0ull - 8; });
+    variant("dynamic_unmapped", [](Image& i) { i.segments[1].p_vaddr = 1ull << 40; });
+    variant("load_past_end",
+            [](Image& i) { i.segments[0].p_filesz = i.segments[0].p_memsz = 1ull << 32; });
+    variant("load_wraps", [](Image& i) { i.segments[0].p_offset = ~0ull - 4; });
+    variant("strings_far", [](Image& i) { i.dynamic[2].d_un.d_ptr = ~0ull - 8; });
+    variant("strings_huge", [](Image& i) { i.dynamic[3].d_un.d_val = ~0ull; });
+    variant("name_past_table", [](Image& i) { i.dynamic[1].d_un.d_val = 1000; });
+    variant("wrong_class", [](Image& i) { i.header.e_ident[EI_CLASS] = ELFCLASS32; });
+    const Bytes whole = Image().bytes();
+    write(elf, "truncated", Bytes(whole.begin(), whole.begin() + Image::kStrOff));
+    write(elf, "header_only", Bytes(whole.begin(), whole.begin() + sizeof(ElfW(Ehdr))));
+
+    const fs::path paths = fs::path(argv[1]) / "plugin_path_fuzz";
+    write(paths, "existing", units(u"/tmp/kestrel-plugin-path-fuzz/p"));
+    write(paths, "existing_dll", units(u"/tmp/kestrel-plugin-path-fuzz/p.dll"));
+    write(paths, "lone_surrogate", units(u"/tmp/kestrel-plugin-path-fuzz/\xD800p"));
+    write(paths, "relative", units(u"plugins\\x.DLL"));
+    write(paths, "narrow_existing", text("\x01/tmp/kestrel-plugin-path-fuzz/p"));
+    write(paths, "narrow_code_page", text("\x01/tmp/kestrel-plugin-path-fuzz/\xE9p"));
+    write(paths, "narrow_relative", text("\x01../plugins/Jos\xC3\xA9"));
+    return 0;
+}
