@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <mutex>
 
-#include "kestrel/export.h"
 #include "kestrel/threads.h"
 #include "platform/timed_waits.h"
+#include "threads/signal_hook.h"
 
 namespace kestrel {
 
@@ -24,11 +24,6 @@ struct EventWatch {
     EventWatch* next = nullptr;
     EventWatch* prev = nullptr;
 };
-
-// Tests only: called at the very end of every Event::signal(), on the
-// signalling thread; nullptr (the default) for none.
-using SignalHook = void (*)();
-KESTREL_API void setSignalHookForTesting(SignalHook hook);
 
 }  // namespace detail
 

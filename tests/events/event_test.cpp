@@ -8,7 +8,7 @@
 
 #include "support/event_fakes.h"
 #include "support/other_thread.h"
-#include "threads/thread_support.h"
+#include "threads/signal_hook.h"
 
 using namespace kestrel;
 using namespace kestrel_test;

@@ -163,13 +163,15 @@ TEST(WaitTest, OddDurationsAndPeriodsKeepTheirMeaningWithoutSpinning) {
     const double kNaN = std::nan("");
     Waiter w;
     std::vector<int> results;
+    std::atomic<int> rounds{0};
     w.body = [&](Waiter& self) {
         for (double seconds : {0.0, -0.0, kNaN, -kInf, -kMax, -1e300, 1e-300, -1e-9, 4e-7})
-            results.push_back(self.wait(seconds));         // at once, no stop pending
-        return self.wait(self.taken == 0 ? 1e300 : kMax);  // until the stop
+            results.push_back(self.wait(seconds));       // at once, no stop pending
+        return self.wait(rounds++ == 0 ? 1e300 : kMax);  // until the stop
     };
     for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(w.start());
+        ASSERT_TRUE(waitFor([&] { return rounds == round + 1; }));
         expectIdle({w.tid});
         w.stop();
     }
