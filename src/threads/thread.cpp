@@ -4,6 +4,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "core/thread_end.h"
 #include "kestrel/threads.h"
 #include "platform/platform.h"
 #include "threads/thread_support.h"
@@ -89,7 +90,9 @@ bool Thread::ThreadImpl::threadFunction() {
         result = _owner->run();
     } catch (const boost::thread_interrupted&) {
         // An interruption ends the thread quietly.
-    } catch (...) {
+    }
+    KESTREL_PASS_THREAD_END
+    catch (...) {
         result = false;
     }
     return result;
