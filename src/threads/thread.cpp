@@ -25,6 +25,22 @@ boost::thread::id unpack(const unsigned char* storage) {
     return id;
 }
 
+// A thread that ends by pthread_exit() or cancellation skips the end of the
+// threading library's own thread function, where a join learns that the
+// thread function is over: joining it would wait for ever. The thread tells
+// it on its way out instead; the join then waits, as always, until the
+// operating system has ended the thread.
+void reportUnwoundEnd() {
+#if defined(BOOST_THREAD_PLATFORM_PTHREAD)
+    boost::detail::thread_data_base* const data = boost::detail::get_current_thread_data();
+    if (data != nullptr) {
+        const boost::lock_guard<boost::mutex> lock(data->data_mutex);
+        data->done = true;
+        data->done_condition.notify_all();
+    }
+#endif
+}
+
 }  // namespace
 
 // One per Thread: the operating-system thread of the current start and the
@@ -83,6 +99,14 @@ bool Thread::ThreadImpl::start() {
 }
 
 bool Thread::ThreadImpl::threadFunction() {
+    struct UnwoundEnd {
+        bool returned = false;
+        ~UnwoundEnd() {
+            if (!returned) {
+                reportUnwoundEnd();
+            }
+        }
+    } unwoundEnd;
     bool result = true;
     _priorityHandle = platform::captureCurrentThread();
     _startBarrier.wait();
