@@ -282,6 +282,22 @@ TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerEx
         q.postEvent(new TestEvent(l, 6), &any, nullptr);  // empty again: told
         EXPECT_EQ(l.told(), (Ints{1, 1, 1}));
     }
+    {
+        // A handler that throws: the post's event stays queued, the pass ends.
+        auto* handler = new Handler(l);
+        handler->onNotify = [] { throw 1; };
+        EventQueue q(handler, {});
+        EXPECT_THROW(q.postEvent(new TestEvent(l, 7), nullptr, nullptr), int);
+        auto* posting = new TestEvent(l, 8);
+        posting->onExecute = [&] {
+            q.postEvent(new TestEvent(l, 9), nullptr, nullptr);  // told at the pass's end
+            return true;
+        };
+        q.postEvent(posting, nullptr, nullptr);
+        EXPECT_THROW(q.processEvents(), int);
+        q.processEvents();  // not taken for a pass still running
+        EXPECT_EQ(l.trace(), (Ints{2, 3, 5, 7, 8, 9}));
+    }
     Ledger t;
     {
         EventThread thread;
@@ -299,6 +315,14 @@ TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerEx
         (new TestEvent(t, 3))->postOrCoalesceEvent(thread, &any, nullptr);  // into the empty queue
         EXPECT_TRUE(waitFor([&] { return t.executed == 3; }));
         EXPECT_EQ(t.trace(), (Ints{0, 2, 3}));
+        // An event that stops its own thread: the stop cannot join there, yet
+        // the thread ends after the pass and the owner's stop() completes it.
+        auto* stopping = new TestEvent(t, 4);
+        stopping->onExecute = [&] { return thread.stop(); };
+        stopping->postEvent(thread);
+        (new TestEvent(t, 5))->postEvent(thread);
+        EXPECT_TRUE(waitFor([&] { return !thread.isRunning(); }));
+        runOnAnotherThread([&] { EXPECT_TRUE(thread.stop() && thread.start()); });
     }
     EXPECT_TRUE(l.destroyed() == l.created && t.destroyed() == t.created && l.fates[kWrong] == 0);
 }
