@@ -294,7 +294,7 @@ void EventQueue::notifyIfEventsToProcess(EventAction action) {
     }
 }
 
-void EventQueue::processEvent(std::unique_ptr<IEvent>& event) {
+KESTREL_CATCHES_THREAD_END void EventQueue::processEvent(std::unique_ptr<IEvent>& event) {
     try {
         if (event->isExecutable()) {
             event->execute();

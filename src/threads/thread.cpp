@@ -98,7 +98,7 @@ bool Thread::ThreadImpl::start() {
     return true;
 }
 
-bool Thread::ThreadImpl::threadFunction() {
+KESTREL_CATCHES_THREAD_END bool Thread::ThreadImpl::threadFunction() {
     struct UnwoundEnd {
         bool returned = false;
         ~UnwoundEnd() {

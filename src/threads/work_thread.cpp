@@ -163,7 +163,7 @@ bool WorkThread::wait(double seconds) {
     return !waitUntil(_stopEvent, deadline);
 }
 
-bool WorkThread::run() {
+KESTREL_CATCHES_THREAD_END bool WorkThread::run() {
     // A hook that ends the thread (pthread_exit, cancellation) ends it at
     // once: no further hook runs, since its end may not be caught for good.
     // The owner's start() still gets its rendezvous, and stop() joins the
