@@ -142,20 +142,20 @@ TEST(EventQueueReentryTest, MatchMergeAndDestructorsMayPostFlushAndProcessTheirO
 // unexecuted; a new instance may be made at once.
 TEST(EventManagerReentryTest, DestroyInstanceFromCodeTheManagerRunsEndsItsCallFirst) {
     const auto destroy = [] { EventManager::destroyInstance(); };
-    enum Where { kEvent, kServicingFlush, kMatch, kMerge, kReplaced, kHandler, kEnd };
-    for (int where = kEvent; where < kEnd; ++where) {
+    enum Where { kInEvent, kInServicingFlush, kInMatch, kInMerge, kInReplaced, kInHandler, kInEnd };
+    for (int where = kInEvent; where < kInEnd; ++where) {
         SCOPED_TRACE(where);
         Ledger l;
         auto* handler = new Handler(l);
         EventManager* manager = EventManager::createInstance(handler);
         const auto event = [&](int key) { return new TestEvent(l, key, new Info(false, key)); };
-        if (where == kHandler)
+        if (where == kInHandler)
             handler->onNotify = destroy;
         manager->postEvent(event(1), nullptr, nullptr);
         manager = EventManager::getInstance();
         if (manager != nullptr) {
             auto* second = event(2);
-            if (where == kEvent || where == kServicingFlush)
+            if (where == kInEvent || where == kInServicingFlush)
                 second->onExecute = [&] {
                     destroy();
                     EXPECT_EQ(EventManager::getInstance(), nullptr);
@@ -167,17 +167,17 @@ TEST(EventManagerReentryTest, DestroyInstanceFromCodeTheManagerRunsEndsItsCallFi
             manager->postEvent(event(3), nullptr, nullptr);
             const Match match([&](TestEvent& e) {
                 const bool hit = e.key == 2;
-                if (where == kMatch && hit)
+                if (where == kInMatch && hit)
                     destroy();  // destroys e as well
                 return hit;
             });
-            const Merge merge(where == kMerge ? std::function<void()>(destroy) : [] {});
+            const Merge merge(where == kInMerge ? std::function<void()>(destroy) : [] {});
             const Match takes4([](TestEvent& e) { return e.key == 4; });
-            if (where == kReplaced)
+            if (where == kInReplaced)
                 manager->postEvent(new Hooked(l, 4, destroy), nullptr, nullptr);
-            if (where == kMatch || where == kMerge || where == kReplaced)
-                manager->postEvent(event(5), where == kReplaced ? &takes4 : &match, &merge);
-            if (where == kServicingFlush)
+            if (where == kInMatch || where == kInMerge || where == kInReplaced)
+                manager->postEvent(event(5), where == kInReplaced ? &takes4 : &match, &merge);
+            if (where == kInServicingFlush)
                 manager->flushEvents(KeyMatch(-1, kFlushed), true);
             else if (EventManager::getInstance() != nullptr)
                 manager->processEvents();
@@ -185,9 +185,9 @@ TEST(EventManagerReentryTest, DestroyInstanceFromCodeTheManagerRunsEndsItsCallFi
         EXPECT_EQ(l.handlers, 1);
         // A pass ends with the event that destroyed the manager; a flush
         // serves what it had taken.
-        const Ints ran = where == kEvent            ? Ints{1, 2}
-                         : where == kServicingFlush ? Ints{1, 2, 3}
-                                                    : Ints{};
+        const Ints ran = where == kInEvent            ? Ints{1, 2}
+                         : where == kInServicingFlush ? Ints{1, 2, 3}
+                                                      : Ints{};
         EXPECT_EQ(l.trace(), ran);
         if (EventManager::getInstance() != nullptr) {
             EventManager::getInstance()->processEvents();  // the new one's event
