@@ -126,10 +126,11 @@ class KESTREL_API Event {
     struct Condition;
 
     std::unique_ptr<Mutex> _mutex;
-    std::unique_ptr<Condition> _condition;  // waited on together with _mutex
+    // Waited on together with _mutex by wait(); also lists the WorkThread
+    // waits that signal() must wake.
+    std::unique_ptr<Condition> _condition;
     const bool _manualReset;
-    // Read and written under _mutex; WorkThread's waits also peek at it
-    // without the lock before they block.
+    // Read and written under _mutex.
     std::atomic<bool> _signalled;
 };
 
@@ -187,9 +188,10 @@ class KESTREL_API WorkThread : protected Thread {
     // The current state; by the time the caller looks, it may have moved on.
     ThreadState getState() const;
 
-    // Waits for event or a stop request, in alternating 1 ms waits; a stop is
-    // noticed within about 1 ms. True: event was set (and cleared when it is
-    // auto reset). False: a stop was requested.
+    // Waits for event or a stop request, in one blocking wait on both: the
+    // thread sleeps until one of them is signalled and notices a stop at
+    // once. True: event was set (and cleared when it is auto reset). False: a
+    // stop was requested.
     bool wait(Event& event);
     // Waits for seconds (rounded to whole microseconds) or a stop request.
     // True: the time ran out. False: a stop was requested.
@@ -207,10 +209,12 @@ class KESTREL_API WorkThread : protected Thread {
 
     // Timed wait on an event until a steady-clock deadline in nanoseconds; a
     // flag that is already set, or set at the deadline, counts as success.
-    static bool waitUntil(Event& event, std::int64_t deadlineNanoseconds);
+    bool waitUntil(Event& event, std::int64_t deadlineNanoseconds);
 
     struct StateMutex;
     struct StartBarrier;
+    struct Sleeper;
+    class Watch;
 
     std::unique_ptr<StateMutex> _stateMutex;
     // Written under _stateMutex; read without it, so that the frequent
@@ -218,6 +222,9 @@ class KESTREL_API WorkThread : protected Thread {
     std::atomic<ThreadState> _state;
     std::unique_ptr<StartBarrier> _startBarrier;
     Event _stopEvent;  // auto reset
+    // Where the work thread sleeps in its waits; the events it waits on wake
+    // it.
+    std::unique_ptr<Sleeper> _sleeper;
 };
 
 // A work thread that calls executing() once per period, at HIGH_PRIORITY. The
@@ -228,8 +235,8 @@ class KESTREL_API WorkThread : protected Thread {
 // millisecond after its due time, and the count already includes the
 // execution in progress. A stop ends the wait for the next execution at once;
 // an execution in progress runs to its end. To be on time, the timer thread
-// asks the system for precise timed waits and spends the last moments
-// before each due time (about 0.15 ms on Linux) watching the clock.
+// asks the system for precise timed waits; it sleeps until each due time in
+// one wait and never watches the clock.
 //
 // Thread safety: construction, start(), stop(), setPeriod() and destruction
 //   belong to one owner thread, never executing(); the getters may be called
@@ -282,9 +289,6 @@ class KESTREL_API TimerThread : protected WorkThread {
     // The periodic action, called on the timer thread.
     virtual void executing() = 0;
 
-    // wait(delay), ending nearer its end: wakes shortly before and watches
-    // the clock for the rest. False when a stop was requested.
-    bool waitForDueTime(double delay);
     // Resets the count and the schedule to now, unless setPeriod() restarts.
     void initExecution();
     void setExecutionTime(Timestamp t);

@@ -4,6 +4,7 @@
 
 #include "events/opaque_mutex.h"
 #include "kestrel/events.h"
+#include "platform/timed_waits.h"
 
 namespace kestrel {
 
@@ -36,20 +37,36 @@ class EventThread::EventQueueHandler : public EventQueue::IEventQueueHandler {
 
 namespace {
 
-// Waits until no post or flush counted in posting is under way. Called by the
-// event thread once the state has left RUNNING: the posts it waits for are
-// short, and new ones refuse without touching the queue.
-void awaitPostsInProgress(const std::atomic<int>& posting) {
-    while (posting.load(std::memory_order_seq_cst) != 0) {
-        Thread::yield();
+// Set in the count of posts in progress while a thread waits for it to reach
+// zero: the post that brings it there then wakes the waiter.
+constexpr int kDrainWaiter = 1 << 30;
+
+// Waits until no post or flush counted in posting is under way, blocking
+// until the last one wakes it. Called once the state has left RUNNING: the
+// posts it waits for are short, and new ones refuse without touching the
+// queue.
+void awaitPostsInProgress(std::atomic<int>& posting) {
+    int count = posting.load(std::memory_order_acquire);
+    while ((count & ~kDrainWaiter) != 0) {
+        if ((count & kDrainWaiter) == 0) {
+            if (!posting.compare_exchange_weak(count, count | kDrainWaiter,
+                                               std::memory_order_acq_rel)) {
+                continue;
+            }
+            count |= kDrainWaiter;
+        }
+        platform::waitOnWord(posting, count);
+        count = posting.load(std::memory_order_acquire);
     }
 }
 
 }  // namespace
 
 // Brackets a post or flush from any thread: counts it in _posting, so that
-// stopping() keeps the queue until it is done, and afterwards gives the
-// wake-up the queue asked for.
+// stopping() keeps the queue until it is done, and gives the wake-up the
+// queue asked for before it stops counting. Leaving the count is the last
+// thing a post does to the thread object: a stop may return, and the owner
+// destroy the thread, the moment the count reaches zero.
 class EventThread::PostInProgress {
   public:
     explicit PostInProgress(EventThread& thread) : _thread(thread) {
@@ -58,8 +75,12 @@ class EventThread::PostInProgress {
         _thread._posting.fetch_add(1, std::memory_order_seq_cst);
     }
     ~PostInProgress() {
-        _thread._posting.fetch_sub(1, std::memory_order_release);
         EventQueueHandler::wakeIfPending(_thread._wakeEvent, _thread._wakePending);
+        std::atomic<int>& posting = _thread._posting;
+        if (posting.fetch_sub(1, std::memory_order_acq_rel) == (kDrainWaiter | 1)) {
+            // Only the address: the thread object may be gone already.
+            platform::wakeWordWaiters(&posting);
+        }
     }
     PostInProgress(const PostInProgress&) = delete;
     PostInProgress& operator=(const PostInProgress&) = delete;
@@ -77,7 +98,7 @@ EventThread::EventThread(StopProcessingMode mode)
       _wakePending(false) {}
 
 EventThread::~EventThread() {
-    WorkThread::stop();
+    stop();
 }
 
 bool EventThread::start() {
@@ -85,7 +106,12 @@ bool EventThread::start() {
 }
 
 bool EventThread::stop() {
-    return WorkThread::stop();
+    WorkThread::stop();
+    // stopping() waited for the posts that saw the thread running; posts
+    // that began since then refuse, but are still inside the object until
+    // they have left the count. The owner may destroy the thread on return.
+    awaitPostsInProgress(_posting);
+    return true;
 }
 
 bool EventThread::isRunning() const {
@@ -114,6 +140,7 @@ void EventThread::starting() {
     detail::OpaqueGuard lock(_mutex->mutex);
     // An empty processing-thread test makes this thread the queue's own.
     _wakePending.store(false, std::memory_order_relaxed);
+    _posting.fetch_and(~kDrainWaiter, std::memory_order_relaxed);
     auto queue = std::make_unique<EventQueue>(new EventQueueHandler(&_wakeEvent, &_wakePending),
                                               std::function<bool()>());
     previous = std::exchange(_eventQueue, std::move(queue));

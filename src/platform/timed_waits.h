@@ -1,24 +1,61 @@
-// Timed waits for threads that must run on time: how precisely the system
-// wakes a thread from a timed wait, and how early such a thread should wake
-// to watch the clock for the rest of the way.
+// Blocking waits: a place where one thread sleeps until another wakes it or
+// a deadline passes, waits on a word of memory, and the precision of the
+// timed waits of threads that must run on time.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 
 namespace kestrel {
 namespace platform {
 
-// Asks the system to end the calling thread's timed waits as close to their
-// deadlines as it can, for as long as the thread lives (Linux: no timer
-// slack for the thread; Windows: the 1 ms timer resolution, given back when
-// the thread ends). Best effort: a refusal leaves the waits as they were.
-void requestPreciseTimedWaits() noexcept;
+// A deadline that never passes.
+constexpr std::int64_t kNoDeadline = INT64_MAX;
 
-// How late a thread usually is when it wakes from a timed wait, in
-// nanoseconds: a thread that must not be late waits until this long before
-// its deadline and watches the clock from there. 0 where watching would cost
-// more than it saves (a coarse system tick).
-std::int64_t wakeUpLeadNanoseconds() noexcept;
+// Where one thread, its owner, sleeps until another thread wakes it. A wake
+// given while the owner is not asleep is kept (one at most) and ends its next
+// sleep at once, so a wake given between the owner's last look at what it
+// waits for and its sleep is never lost.
+//
+// Thread safety: sleepUntil() by the owner only; wake() from any thread.
+// Lifetime: wake() must have returned before the sleeper is destroyed.
+// Errors: the constructor throws std::bad_alloc when the system has no
+//   resources for it; nothing else throws.
+class Sleeper {
+  public:
+    Sleeper();
+    ~Sleeper();
+    Sleeper(const Sleeper&) = delete;
+    Sleeper& operator=(const Sleeper&) = delete;
+
+    // Ends the owner's current or next sleep.
+    void wake() noexcept;
+    // Sleeps until woken or until deadlineNanoseconds on the steady clock of
+    // the waits (kNoDeadline: no time limit), and consumes the wake. Returns
+    // at once for a deadline that has passed. May also return early, without
+    // cause: the caller looks again at what it waits for.
+    void sleepUntil(std::int64_t deadlineNanoseconds) noexcept;
+
+  private:
+    struct State;
+    std::unique_ptr<State> _state;
+};
+
+// Blocks while word holds expected; returns when another thread has changed
+// it and called wakeWordWaiters(), or without cause.
+void waitOnWord(const std::atomic<int>& word, int expected) noexcept;
+// Wakes every thread in waitOnWord() on word. Uses only the address, never
+// the memory behind it: a thread may call it after the word's owner, woken
+// by the change it made, has destroyed the word.
+void wakeWordWaiters(const void* word) noexcept;
+
+// Asks the system to end the calling thread's timed waits as close to their
+// deadlines as it can, for as long as the thread lives (Linux: no timer slack
+// for the thread; Windows: a high-resolution waitable timer for the thread's
+// sleeps, or else the 1 ms timer resolution, held only during its timed
+// sleeps). Best effort: a refusal leaves the waits as they were.
+void requestPreciseTimedWaits() noexcept;
 
 }  // namespace platform
 }  // namespace kestrel

@@ -9,17 +9,32 @@
 #include <cstdint>
 #include <mutex>
 
-#include "core/busy_wait.h"
 #include "kestrel/threads.h"
+#include "platform/timed_waits.h"
+#include "threads/signal_hook.h"
 
 namespace kestrel {
+
+namespace detail {
+
+// A sleeper registered with an event for the length of a WorkThread wait: the
+// event's signal() wakes it. Linked into the event's list under its mutex.
+struct EventWatch {
+    platform::Sleeper* sleeper = nullptr;
+    EventWatch* next = nullptr;
+    EventWatch* prev = nullptr;
+};
+
+}  // namespace detail
 
 // The standard library's mutex and condition variable: a wake-up through
 // Boost's condition variable takes a second, internal mutex on both sides
 // (for thread interruption, which no Event wait offers), which doubles the
 // cost of a signal-and-wake round trip.
 struct Event::Mutex : std::mutex {};
-struct Event::Condition : std::condition_variable {};
+struct Event::Condition : std::condition_variable {
+    detail::EventWatch* watches = nullptr;  // guarded by the event's mutex
+};
 
 namespace detail {
 

@@ -103,34 +103,14 @@ void TimerThread::running() {
     const Timestamp next = _mode == FIXED_DELAY ? passStart + period : getExecutionTime() + period;
     double delay = next - Timestamp();
     delay = delay < 0.0 ? 0.0 : delay + kDueMargin;
-    if (!waitForDueTime(delay)) {
+    // One sleep to the due time, which the precise waits asked for in
+    // starting() end close to it.
+    if (!wait(delay)) {
         return;  // stop requested
     }
     setExecutionTime(next);
     incrementExecutions();
     executing();
-}
-
-bool TimerThread::waitForDueTime(double delay) {
-    // A thread woken from a timed wait comes some tens of microseconds late,
-    // more when its processor was idle: the timer wakes that much early and
-    // watches the clock for the rest, still ending at once on a stop request.
-    const std::int64_t lead = platform::wakeUpLeadNanoseconds();
-    const std::int64_t nanoseconds = detail::roundedNanoseconds(delay);
-    if (lead <= 0 || nanoseconds <= 2 * lead) {
-        return wait(delay);
-    }
-    const std::int64_t due = detail::waitClockNanoseconds() + nanoseconds;
-    if (!wait(static_cast<double>(nanoseconds - lead) * 1e-9)) {
-        return false;
-    }
-    while (detail::waitClockNanoseconds() < due) {
-        if (!wait(0.0)) {
-            return false;
-        }
-        detail::cpuRelax();
-    }
-    return true;
 }
 
 void TimerThread::initExecution() {

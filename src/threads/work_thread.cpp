@@ -1,4 +1,30 @@
-#include <algorithm>
+// The work thread's life cycle and its stop-aware waits.
+//
+// How a wait blocks on two events at once. Each WorkThread has a sleeper (a
+// mutex, a condition variable and a flag on Linux; an event object on
+// Windows) on which its waits sleep. wait(Event&) tests the given event
+// under that event's lock and, when it is not set, registers the sleeper
+// with it in the same locked step (a Watch); then it does the same with the
+// stop event; then it sleeps. signal() wakes every sleeper registered with
+// its event while it holds the event's lock, so a signal given after the
+// test reaches the sleeper, whose wake is kept if it is not asleep yet:
+// nothing is lost, and the thread sleeps in one wait, without time slices,
+// until one of the two events is signalled. Each lock is taken on its own,
+// never two events' together.
+//
+// The results are those of testing the event first. A wake only makes the
+// wait look again, in the same order: an event found set wins; a stop found
+// set makes the wait test the event once more (both may be set by then, and
+// the event still wins, leaving the stop for the next wait) before it takes
+// the stop and returns false. A signal is consumed only by the test that
+// returns it, under the event's lock, so an auto-reset event goes to one
+// wait only, and a wait woken for a signal that another waiter took sleeps
+// again. The registration ends before the wait returns, under the event's
+// lock, so signal() never touches a sleeper that is gone.
+//
+// The timed waits use the same sleeper with an absolute deadline on the
+// steady clock: the system ends the sleep at the deadline or at a signal,
+// and the flag is tested once more then.
 #include <boost/thread/barrier.hpp>
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/locks.hpp>
@@ -6,6 +32,7 @@
 
 #include "core/thread_end.h"
 #include "kestrel/threads.h"
+#include "platform/timed_waits.h"
 #include "threads/thread_support.h"
 
 namespace kestrel {
@@ -16,31 +43,76 @@ struct WorkThread::StartBarrier : boost::barrier {
     StartBarrier() : boost::barrier(2) {}
 };
 
-namespace {
+struct WorkThread::Sleeper : platform::Sleeper {};
 
-// The slice of each half of the alternating wait(Event&).
-constexpr std::int64_t kWaitSliceNanoseconds = 1000000;
+// One event as a wait sees it: tests the flag under the event's lock and,
+// while the wait goes on, keeps the wait's sleeper registered with it.
+class WorkThread::Watch {
+  public:
+    Watch(Event& event, platform::Sleeper& sleeper) : _event(event) { _entry.sleeper = &sleeper; }
+    ~Watch() {
+        if (_registered) {
+            const std::lock_guard<std::mutex> lock(*_event._mutex);
+            unregister();
+        }
+    }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
 
-// How long wait(Event&) watches the flag before it blocks, bounded by the
-// clock rather than by a number of rounds: a pause instruction takes from a
-// few cycles to hundreds of nanoseconds (in virtual machines that trap it).
-// Each work thread adapts its own watch between the bounds: it doubles after
-// a watch that saw the signal and shrinks by the shortest watch after one
-// that did not, so that a thread fed by a busy producer rarely sleeps (even
-// when only every other watch succeeds) and one that gets work only now and
-// then soon watches for no more than a microsecond.
-constexpr std::int64_t kShortestWatchNanoseconds = 1000;
-constexpr std::int64_t kLongestWatchNanoseconds = 16000;
-thread_local std::int64_t watchNanoseconds = kShortestWatchNanoseconds;
+    // True when the event is set: the signal is consumed when take is true
+    // and the event is auto reset, and the registration ends. Otherwise the
+    // sleeper stays registered (or is registered now) and false.
+    bool test(bool take) {
+        const std::lock_guard<std::mutex> lock(*_event._mutex);
+        if (_event._signalled.load(std::memory_order_relaxed)) {
+            if (take && !_event._manualReset) {
+                _event._signalled.store(false, std::memory_order_relaxed);
+            }
+            unregister();
+            return true;
+        }
+        if (!_registered) {
+            detail::EventWatch*& first = _event._condition->watches;
+            _entry.prev = nullptr;
+            _entry.next = first;
+            if (first != nullptr) {
+                first->prev = &_entry;
+            }
+            first = &_entry;
+            _registered = true;
+        }
+        return false;
+    }
 
-}  // namespace
+  private:
+    // Under the event's lock.
+    void unregister() {
+        if (!_registered) {
+            return;
+        }
+        if (_entry.prev != nullptr) {
+            _entry.prev->next = _entry.next;
+        } else {
+            _event._condition->watches = _entry.next;
+        }
+        if (_entry.next != nullptr) {
+            _entry.next->prev = _entry.prev;
+        }
+        _registered = false;
+    }
+
+    Event& _event;
+    detail::EventWatch _entry;
+    bool _registered = false;
+};
 
 WorkThread::WorkThread(Thread::ThreadPriority priority)
     : Thread(priority),
       _stateMutex(std::make_unique<StateMutex>()),
       _state(STOPPED),
       _startBarrier(std::make_unique<StartBarrier>()),
-      _stopEvent(false, false) {}
+      _stopEvent(false, false),
+      _sleeper(std::make_unique<Sleeper>()) {}
 
 WorkThread::~WorkThread() = default;
 
@@ -109,46 +181,40 @@ void WorkThread::cleanup() {
 }
 
 bool WorkThread::waitUntil(Event& event, std::int64_t deadlineNanoseconds) {
-    const auto deadline = detail::waitClockTimePoint(deadlineNanoseconds);
-    std::unique_lock<std::mutex> lock(*event._mutex);
-    // A deadline that has passed never reaches the condition variable: the
-    // flag alone decides.
-    while (!event._signalled.load(std::memory_order_relaxed) &&
-           detail::WaitClock::now() < deadline) {
-        if (event._condition->wait_until(lock, deadline) == std::cv_status::timeout) {
-            break;
+    Watch watch(event, *_sleeper);
+    for (;;) {
+        // A deadline that has passed still takes a signal that is there.
+        if (watch.test(true)) {
+            return true;
         }
+        if (detail::waitClockNanoseconds() >= deadlineNanoseconds) {
+            return false;
+        }
+        _sleeper->sleepUntil(deadlineNanoseconds);
     }
-    if (!event._signalled.load(std::memory_order_relaxed)) {
-        return false;
-    }
-    if (!event._manualReset) {
-        event._signalled.store(false, std::memory_order_relaxed);
-    }
-    return true;
 }
 
 bool WorkThread::wait(Event& event) {
-    // A thread that waits for work usually gets it from threads that are
-    // producing right now: watching the flag for some microseconds first
-    // saves both sides the cost of putting this thread to sleep and waking
-    // it again. The waits below decide as before; this only lets the first
-    // of them find the flag set.
-    const std::int64_t watchEnd = detail::waitClockNanoseconds() + watchNanoseconds;
-    while (!event._signalled.load(std::memory_order_relaxed) &&
-           detail::waitClockNanoseconds() < watchEnd) {
-        detail::cpuRelax();
+    Watch onEvent(event, *_sleeper);
+    if (onEvent.test(true)) {
+        return true;  // set already: nothing was registered
     }
-    watchNanoseconds =
-        event._signalled.load(std::memory_order_relaxed)
-            ? std::min(watchNanoseconds * 2, kLongestWatchNanoseconds)
-            : std::max(watchNanoseconds - kShortestWatchNanoseconds, kShortestWatchNanoseconds);
+    Watch onStop(_stopEvent, *_sleeper);
     for (;;) {
-        if (waitUntil(event, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
-            return true;
+        if (onStop.test(false)) {
+            // The event may have been set since it was tested: it still wins,
+            // and the stop stays for the next wait. Only this thread takes
+            // the stop signal, so it is still there.
+            if (onEvent.test(true)) {
+                return true;
+            }
+            if (onStop.test(true)) {
+                return false;
+            }
         }
-        if (waitUntil(_stopEvent, detail::waitClockNanoseconds() + kWaitSliceNanoseconds)) {
-            return false;
+        _sleeper->sleepUntil(platform::kNoDeadline);
+        if (onEvent.test(true)) {
+            return true;
         }
     }
 }
@@ -158,6 +224,8 @@ bool WorkThread::wait(double seconds) {
         _stopEvent.wait();
         return false;
     }
+    // Bounded: zero, negative and NaN durations give a deadline that has
+    // passed, huge ones about 31.7 years; none can overflow.
     const std::int64_t deadline =
         detail::waitClockNanoseconds() + detail::roundedNanoseconds(seconds);
     return !waitUntil(_stopEvent, deadline);

@@ -8,6 +8,7 @@
 
 #include "support/event_fakes.h"
 #include "support/other_thread.h"
+#include "threads/signal_hook.h"
 
 using namespace kestrel;
 using namespace kestrel_test;
@@ -211,4 +212,47 @@ TEST(EventThreadAndManagerTest, CasesEndAsDefinedLoseNoEventAndLeaveNoLockHeld) 
         EXPECT_EQ(c.l.trace(), test.trace);
         EXPECT_TRUE(c.l.fates[kWrong] == 0 && c.l.destroyed() == c.l.created && Info::alive == 0);
     }
+}
+
+namespace {
+
+// Holds the poster thread at the end of its wake event's signal() until the
+// test lets it go.
+std::atomic<std::thread::id> heldSignaller;
+std::atomic<int> signalPhase{0};  // 1: the poster is held; 2: released
+
+void holdPosterInSignal() {
+    if (std::this_thread::get_id() == heldSignaller.load()) {
+        signalPhase = 1;
+        waitFor([] { return signalPhase == 2; });
+    }
+}
+
+}  // namespace
+
+// An owner that has seen its last event executed stops the thread and
+// destroys it at once, while the poster may still be waking the thread.
+TEST(EventThreadStopTest, StopWaitsForAPosterStillInsideTheWakeUp) {
+    Ledger l;
+    auto* thread = new EventThread;
+    ASSERT_TRUE(thread->start());
+    kestrel::detail::setSignalHookForTesting(holdPosterInSignal);
+    std::thread poster([&] {
+        heldSignaller = std::this_thread::get_id();
+        (new TestEvent(l, 1))->postEvent(*thread);
+        heldSignaller = std::thread::id();
+    });
+    ASSERT_TRUE(waitFor([&] { return signalPhase == 1 && l.executed == 1; }));
+    std::atomic<bool> stopped{false};
+    std::thread owner([&] {
+        thread->stop();
+        stopped = true;
+    });
+    EXPECT_FALSE(waitFor([&] { return stopped.load(); }, 0.2));
+    signalPhase = 2;
+    owner.join();
+    delete thread;
+    poster.join();
+    kestrel::detail::setSignalHookForTesting(nullptr);
+    EXPECT_TRUE(l.fates[kExecuted] == 1 && l.destroyed() == l.created);
 }

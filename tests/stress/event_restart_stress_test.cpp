@@ -106,3 +106,23 @@ TEST(EventStressTest, EveryEventMeetsExactlyOneFateAcrossRestartsAndNewOwners) {
     // The final passes leave nothing behind, and every event queued was announced.
     EXPECT_EQ(ledgers[0].fates[kDiscarded] + ledgers[2].fates[kDiscarded], 0);
 }
+
+// Ordinary shutdown: the owner sees the last event executed, stops the thread
+// and destroys it at once, while the poster may still be inside its post.
+TEST(EventStressTest, AThreadDestroyedRightAfterItsStopOutlivesEveryPostThatReachedIt) {
+    Ledger l;
+    const auto end = Clock::now() + std::chrono::milliseconds(800);
+    for (int round = 0; round < 20 || Clock::now() < end; ++round) {
+        auto* thread = new EventThread(round % 2 ? EventThread::PROCESS_PENDING_EVENTS
+                                                 : EventThread::DISCARD_PENDING_EVENTS);
+        ASSERT_TRUE(thread->start());
+        const int executed = l.executed;
+        std::thread poster([&] { (new TestEvent(l, 1))->postEvent(*thread); });
+        while (l.executed == executed)
+            std::this_thread::yield();
+        thread->stop();
+        delete thread;
+        poster.join();
+    }
+    EXPECT_TRUE(l.fates[kWrong] == 0 && l.destroyed() == l.created);
+}
