@@ -34,8 +34,10 @@ class Sleeper {
     // Sleeps until woken or until deadlineNanoseconds on the steady clock of
     // the waits (kNoDeadline: no time limit), and consumes the wake. Returns
     // at once for a deadline that has passed. May also return early, without
-    // cause: the caller looks again at what it waits for.
-    void sleepUntil(std::int64_t deadlineNanoseconds) noexcept;
+    // cause: the caller looks again at what it waits for. Not noexcept: the
+    // sleep is a cancellation point, and a cancelled thread's unwind must
+    // pass through it.
+    void sleepUntil(std::int64_t deadlineNanoseconds);
 
   private:
     struct State;

@@ -37,7 +37,7 @@ void Sleeper::wake() noexcept {
     _state->condition.notify_one();
 }
 
-void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) noexcept {
+void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) {
     std::unique_lock<std::mutex> lock(_state->mutex);
     if (!_state->woken) {
         if (deadlineNanoseconds == kNoDeadline) {

@@ -98,7 +98,7 @@ void Sleeper::wake() noexcept {
     ::SetEvent(_state->event);
 }
 
-void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) noexcept {
+void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) {
     if (deadlineNanoseconds == kNoDeadline) {
         ::WaitForSingleObject(_state->event, INFINITE);
         return;
