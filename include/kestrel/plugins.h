@@ -84,8 +84,8 @@ class KESTREL_API IPluginReference {
 // must accept it, and the library is then loaded through a fixed sequence
 // of loader calls. A path that is not valid UTF-16 counts as missing: it is
 // never converted into another path. See docs/plugin-safety.md for what a
-// broken or hostile plugin file can and cannot do. The library search path, when not empty, is added for good to the
-// process's list of library directories and used for the plugin's
+// broken or hostile plugin file can and cannot do. The library search path, when not empty, is
+// added for good to the process's list of library directories and used for the plugin's
 // dependencies.
 //
 // Thread safety: not synchronised; use one reference from one thread at a
