@@ -18,11 +18,14 @@ namespace {
 thread_local int callsInProgress = 0;
 
 // The instances whose destruction waits, with the means to destroy them.
+// A plain pointer: a thread_local with a destructor registers a per-thread
+// exit handler in the library, which mingw-w64 runs under the loader lock.
 struct Doomed {
     EventManager* instance;
     void (*destroy)(EventManager*);
+    Doomed* next;
 };
-thread_local std::vector<Doomed> doomed;
+thread_local Doomed* doomed = nullptr;
 
 class ManagerCall {
   public:
@@ -32,10 +35,10 @@ class ManagerCall {
             // Held as a call itself, so that whatever the destruction runs
             // (the destructors of queued events) is deferred in turn.
             ++callsInProgress;
-            while (!doomed.empty()) {
-                const Doomed next = doomed.back();
-                doomed.pop_back();
-                next.destroy(next.instance);
+            while (doomed != nullptr) {
+                const std::unique_ptr<Doomed> next(doomed);
+                doomed = next->next;
+                next->destroy(next->instance);
             }
             --callsInProgress;
         }
@@ -74,7 +77,7 @@ void EventManager::destroyInstance() {
     // Called from inside one of the manager's calls on this thread: the
     // instance goes when that call returns. Its queued events go now,
     // unexecuted, so that a pass in progress ends with the event that asked.
-    doomed.push_back({instance, [](EventManager* manager) { delete manager; }});
+    doomed = new Doomed{instance, [](EventManager* manager) { delete manager; }, doomed};
     _singleton = nullptr;
     instance->_eventQueue->flushEvents(AnyEvent(), false);
 }
