@@ -55,6 +55,26 @@ bool findAgain(const List& events, const IEvent* event, std::size_t& at) {
     return true;
 }
 
+// Asks match about each event queued when the walk begins, head first, and
+// calls onAccepted(at) for each accepted event that is still queued (at: its
+// present index), until onAccepted returns true. Events that match itself
+// posts meanwhile are not asked about: a match that posts on every call would
+// otherwise never finish.
+template <typename List, typename OnAccepted>
+void askQueued(const List& events, const IMatchEventFcn& match, OnAccepted onAccepted) {
+    std::size_t toAsk = events.size();
+    for (std::size_t at = 0; toAsk > 0 && at < events.size(); --toAsk) {
+        IEvent* const event = events[at];
+        const bool accepted = match(event);
+        if (findAgain(events, event, at)) {
+            if (accepted && onAccepted(at)) {
+                return;
+            }
+            ++at;
+        }
+    }
+}
+
 // Unlinks from events the events in accepted, which a flush's match objects
 // chose in queue order, and leaves in accepted those it unlinked, in queue
 // order. Those the match objects themselves removed meanwhile (by
@@ -175,17 +195,10 @@ void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
         // unlinked and destroyed unexecuted, and the others stay queued.
         flushed.reserve(_events.size());
         try {
-            std::size_t toAsk = _events.size();
-            for (std::size_t at = 0; toAsk > 0 && at < _events.size(); --toAsk) {
-                IEvent* const event = _events[at];
-                const bool accepted = match(event);
-                if (findAgain(_events, event, at)) {
-                    if (accepted) {
-                        flushed.push_back(event);
-                    }
-                    ++at;
-                }
-            }
+            askQueued(_events, match, [&](std::size_t at) {
+                flushed.push_back(_events[at]);
+                return false;  // ask about them all
+            });
         } catch (...) {
             unlinkAccepted(_events, flushed);
             throw;
@@ -268,22 +281,16 @@ IEvent* EventQueue::popEvent() {
 }
 
 EventQueue::EventList::iterator EventQueue::getMatchingEvent(const IMatchEventFcn& match) {
-    // Asks about the events queued when the walk begins, head first; events
-    // that match itself posts meanwhile are not asked about (a match that
-    // posts on every call would otherwise never finish). The result is valid
-    // until the next change of the list.
-    std::size_t toAsk = _events.size();
-    for (std::size_t at = 0; toAsk > 0 && at < _events.size(); --toAsk) {
-        IEvent* const event = _events[at];
-        const bool accepted = match(event);
-        if (findAgain(_events, event, at)) {
-            if (accepted) {
-                return _events.begin() + static_cast<std::ptrdiff_t>(at);
-            }
-            ++at;
-        }
-    }
-    return _events.end();
+    // The first accepted event; the result is valid until the next change of
+    // the list.
+    // An index, not an iterator: match may change the list while it is asked.
+    std::size_t found = _events.size();
+    askQueued(_events, match, [&](std::size_t at) {
+        found = at;
+        return true;
+    });
+    return found < _events.size() ? _events.begin() + static_cast<std::ptrdiff_t>(found)
+                                  : _events.end();
 }
 
 void EventQueue::notifyIfEventsToProcess(EventAction action) {
