@@ -33,6 +33,16 @@ install(FILES
 file(RELATIVE_PATH KESTREL_PC_PREFIX_FROM_PCFILEDIR
     "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 string(REGEX REPLACE "/$" "" KESTREL_PC_PREFIX_FROM_PCFILEDIR "${KESTREL_PC_PREFIX_FROM_PCFILEDIR}")
+# threads.h includes Boost.Thread's headers (Thread::getID() returns its
+# identifier type): name Boost's include directory unless the compiler
+# searches it anyway.
+set(KESTREL_PC_BOOST_CFLAGS "")
+get_target_property(kestrel_boost_includes Boost::headers INTERFACE_INCLUDE_DIRECTORIES)
+foreach(dir IN LISTS kestrel_boost_includes)
+    if(NOT dir IN_LIST CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES AND NOT dir STREQUAL "/usr/include")
+        string(APPEND KESTREL_PC_BOOST_CFLAGS " -I${dir}")
+    endif()
+endforeach()
 configure_file(cmake/kestrel.pc.in "${CMAKE_CURRENT_BINARY_DIR}/kestrel.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kestrel.pc"
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
