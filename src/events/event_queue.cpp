@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/thread_end.h"
 #include "events/opaque_mutex.h"
 #include "kestrel/events.h"
 
@@ -34,6 +35,92 @@ class EventListGuard {
     std::vector<IEvent*>& _events;
     std::size_t _next = 0;
 };
+
+// Finds event again after caller code ran under the queue's lock. The lock is
+// recursive, so a match or merge object, a handler or a destructor may have
+// posted to, flushed or processed this queue meanwhile on this thread: at
+// then becomes the event's present index. False when the event has left the
+// queue; at then indexes the event that took its place (or the end).
+template <typename List>
+bool findAgain(const List& events, const IEvent* event, std::size_t& at) {
+    if (at < events.size() && events[at] == event) {
+        return true;
+    }
+    const auto found = std::find(events.begin(), events.end(), event);
+    if (found == events.end()) {
+        at = std::min(at, events.size());
+        return false;
+    }
+    at = static_cast<std::size_t>(found - events.begin());
+    return true;
+}
+
+// Asks match about each event queued when the walk begins, head first, and
+// calls onAccepted(at) for each accepted event that is still queued (at: its
+// present index), until onAccepted returns true. Events that match itself
+// posts meanwhile are not asked about: a match that posts on every call would
+// otherwise never finish.
+template <typename List, typename OnAccepted>
+void askQueued(const List& events, const IMatchEventFcn& match, OnAccepted onAccepted) {
+    std::size_t toAsk = events.size();
+    for (std::size_t at = 0; toAsk > 0 && at < events.size(); --toAsk) {
+        IEvent* const event = events[at];
+        const bool accepted = match(event);
+        if (findAgain(events, event, at)) {
+            if (accepted && onAccepted(at)) {
+                return;
+            }
+            ++at;
+        }
+    }
+}
+
+// Unlinks from events the events in accepted, which a flush's match objects
+// chose in queue order, and leaves in accepted those it unlinked, in queue
+// order. Those the match objects themselves removed meanwhile (by
+// re-entering the queue) are no longer the flush's to destroy.
+template <typename List>
+void unlinkAccepted(List& events, std::vector<IEvent*>& accepted) {
+    std::size_t next = 0;
+    for (const IEvent* event : events) {
+        if (next < accepted.size() && event == accepted[next]) {
+            ++next;
+        }
+    }
+    if (next == accepted.size()) {  // the usual case: all still queued, in order
+        next = 0;
+        events.erase(std::remove_if(events.begin(), events.end(),
+                                    [&](const IEvent* event) {
+                                        const bool hit =
+                                            next < accepted.size() && event == accepted[next];
+                                        next += hit ? 1 : 0;
+                                        return hit;
+                                    }),
+                     events.end());
+        return;
+    }
+    // Sorted for the look-ups, then refilled (without growing) with the
+    // events that are still queued, each once, in queue order.
+    std::sort(accepted.begin(), accepted.end());
+    accepted.erase(std::unique(accepted.begin(), accepted.end()), accepted.end());
+    std::vector<IEvent*> chosen;
+    try {
+        chosen = accepted;
+    } catch (...) {
+        accepted.clear();  // they stay queued: the queue's to destroy
+        throw;
+    }
+    accepted.clear();
+    events.erase(std::remove_if(events.begin(), events.end(),
+                                [&](IEvent* event) {
+                                    if (!std::binary_search(chosen.begin(), chosen.end(), event)) {
+                                        return false;
+                                    }
+                                    accepted.push_back(event);
+                                    return true;
+                                }),
+                 events.end());
+}
 
 }  // namespace
 
@@ -74,14 +161,23 @@ void EventQueue::postEvent(IEvent* const event, const IMatchEventFcn* const matc
     detail::OpaqueGuard lock(_mutex->mutex);
     const EventList::iterator matched = match != nullptr ? getMatchingEvent(*match) : _events.end();
     if (matched != _events.end()) {
+        IEvent* const queued = *matched;
+        std::size_t at = static_cast<std::size_t>(matched - _events.begin());
         IEventInfo* const newInfo = owned->getEventInfo();
-        IEventInfo* const queuedInfo = (*matched)->getEventInfo();
+        IEventInfo* const queuedInfo = queued->getEventInfo();
         if (merge != nullptr && newInfo != nullptr && queuedInfo != nullptr) {
             (*merge)(newInfo, queuedInfo);
         }
-        std::unique_ptr<IEvent> replaced(*matched);
-        *matched = owned.release();
-        return;  // the replaced event is destroyed here, under the lock
+        // The merge may have re-entered the queue; should it have removed the
+        // matched event, there is nothing left to replace and the new event
+        // is appended.
+        if (findAgain(_events, queued, at)) {
+            _events[at] = owned.release();
+            // Destroyed under the lock, with the list already whole: its
+            // destructor may use the queue.
+            const std::unique_ptr<IEvent> replaced(queued);
+            return;
+        }
     }
     _events.push_back(owned.get());
     owned.release();
@@ -93,30 +189,21 @@ void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
     EventListGuard guard(flushed);
     {
         detail::OpaqueGuard lock(_mutex->mutex);
-        // Compacts the kept events towards the head in one pass. Should match
-        // throw, the events not yet looked at close the gap, so that the queue
-        // keeps every event that was not moved aside, in order.
-        std::size_t kept = 0;
-        std::size_t next = 0;
-        struct CloseGap {
-            EventList& events;
-            std::size_t& kept;
-            std::size_t& next;
-            ~CloseGap() {
-                const auto rest = events.begin() + static_cast<std::ptrdiff_t>(next);
-                const auto to = events.begin() + static_cast<std::ptrdiff_t>(kept);
-                events.erase(std::move(rest, events.end(), to), events.end());
-            }
-        } closeGap{_events, kept, next};
+        // match is asked about every event first, with the list left whole
+        // (it may re-enter the queue); then the accepted events are unlinked
+        // in one pass. Should match throw, those it accepted until then are
+        // unlinked and destroyed unexecuted, and the others stay queued.
         flushed.reserve(_events.size());
-        for (; next < _events.size(); ++next) {
-            IEvent* const event = _events[next];
-            if (match(event)) {
-                flushed.push_back(event);
-            } else {
-                _events[kept++] = event;
-            }
+        try {
+            askQueued(_events, match, [&](std::size_t at) {
+                flushed.push_back(_events[at]);
+                return false;  // ask about them all
+            });
+        } catch (...) {
+            unlinkAccepted(_events, flushed);
+            throw;
         }
+        unlinkAccepted(_events, flushed);
     }
     while (IEvent* const next = guard.take()) {
         std::unique_ptr<IEvent> event(next);
@@ -194,11 +281,16 @@ IEvent* EventQueue::popEvent() {
 }
 
 EventQueue::EventList::iterator EventQueue::getMatchingEvent(const IMatchEventFcn& match) {
-    EventList::iterator it = _events.begin();
-    while (it != _events.end() && !match(*it)) {
-        ++it;
-    }
-    return it;
+    // The first accepted event; the result is valid until the next change of
+    // the list.
+    // An index, not an iterator: match may change the list while it is asked.
+    std::size_t found = _events.size();
+    askQueued(_events, match, [&](std::size_t at) {
+        found = at;
+        return true;
+    });
+    return found < _events.size() ? _events.begin() + static_cast<std::ptrdiff_t>(found)
+                                  : _events.end();
 }
 
 void EventQueue::notifyIfEventsToProcess(EventAction action) {
@@ -209,12 +301,14 @@ void EventQueue::notifyIfEventsToProcess(EventAction action) {
     }
 }
 
-void EventQueue::processEvent(std::unique_ptr<IEvent>& event) {
+KESTREL_CATCHES_THREAD_END void EventQueue::processEvent(std::unique_ptr<IEvent>& event) {
     try {
         if (event->isExecutable()) {
             event->execute();
         }
-    } catch (...) {
+    }
+    KESTREL_PASS_THREAD_END
+    catch (...) {
         // An event's failure is its own business: the pass goes on.
     }
 }

@@ -6,6 +6,7 @@ namespace detail {
 OpaqueLock::OpaqueLock(OpaqueMutex& mutex) : _mutex(&mutex), _owns(false) {
     _mutex->mutex.lock();
     _owns = true;
+    ++_mutex->enumerators;
 }
 
 OpaqueLock::OpaqueLock(OpaqueLock&& other) noexcept : _mutex(other._mutex), _owns(other._owns) {
@@ -15,6 +16,9 @@ OpaqueLock::OpaqueLock(OpaqueLock&& other) noexcept : _mutex(other._mutex), _own
 
 OpaqueLock::~OpaqueLock() {
     if (_owns) {
+        if (--_mutex->enumerators == 0 && _mutex->lastEnumeratorGone) {
+            _mutex->lastEnumeratorGone();
+        }
         _mutex->mutex.unlock();
     }
 }

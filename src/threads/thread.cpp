@@ -2,11 +2,32 @@
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
 
+#include "core/thread_end.h"
 #include "kestrel/threads.h"
 #include "platform/platform.h"
 #include "threads/thread_support.h"
 
 namespace kestrel {
+
+namespace {
+
+// A thread that ends by pthread_exit() or cancellation skips the end of the
+// threading library's own thread function, where a join learns that the
+// thread function is over: joining it would wait for ever. The thread tells
+// it on its way out instead; the join then waits, as always, until the
+// operating system has ended the thread.
+void reportUnwoundEnd() {
+#if defined(BOOST_THREAD_PLATFORM_PTHREAD)
+    boost::detail::thread_data_base* const data = boost::detail::get_current_thread_data();
+    if (data != nullptr) {
+        const boost::lock_guard<boost::mutex> lock(data->data_mutex);
+        data->done = true;
+        data->done_condition.notify_all();
+    }
+#endif
+}
+
+}  // namespace
 
 // One per Thread: the operating-system thread of the current start and the
 // rendezvous with it.
@@ -63,7 +84,15 @@ bool Thread::ThreadImpl::start() {
     return true;
 }
 
-bool Thread::ThreadImpl::threadFunction() {
+KESTREL_CATCHES_THREAD_END bool Thread::ThreadImpl::threadFunction() {
+    struct UnwoundEnd {
+        bool returned = false;
+        ~UnwoundEnd() {
+            if (!returned) {
+                reportUnwoundEnd();
+            }
+        }
+    } unwoundEnd;
     bool result = true;
     _priorityHandle = platform::captureCurrentThread();
     _startBarrier.wait();
@@ -71,7 +100,9 @@ bool Thread::ThreadImpl::threadFunction() {
         result = _owner->run();
     } catch (const boost::thread_interrupted&) {
         // An interruption ends the thread quietly.
-    } catch (...) {
+    }
+    KESTREL_PASS_THREAD_END
+    catch (...) {
         result = false;
     }
     return result;

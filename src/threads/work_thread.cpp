@@ -30,6 +30,7 @@
 #include <boost/thread/locks.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 
+#include "core/thread_end.h"
 #include "kestrel/threads.h"
 #include "platform/timed_waits.h"
 #include "threads/thread_support.h"
@@ -230,14 +231,33 @@ bool WorkThread::wait(double seconds) {
     return !waitUntil(_stopEvent, deadline);
 }
 
-bool WorkThread::run() {
+KESTREL_CATCHES_THREAD_END bool WorkThread::run() {
+    // A hook that ends the thread (pthread_exit, cancellation) ends it at
+    // once: no further hook runs, since its end may not be caught for good.
+    // The owner's start() still gets its rendezvous, and stop() joins the
+    // ended thread as it joins one whose hook threw.
     bool result = true;
+    struct Rendezvous {
+        StartBarrier& barrier;
+        bool done = false;
+        void pass() {
+            done = true;
+            barrier.wait();
+        }
+        ~Rendezvous() {
+            if (!done) {
+                barrier.wait();
+            }
+        }
+    } rendezvous{*_startBarrier};
     try {
         starting();
-    } catch (...) {
+    }
+    KESTREL_PASS_THREAD_END
+    catch (...) {
         result = false;
     }
-    _startBarrier->wait();
+    rendezvous.pass();
     try {
         running();
         while (getState() != STOPPING) {
@@ -245,12 +265,16 @@ bool WorkThread::run() {
         }
     } catch (const boost::thread_interrupted&) {
         // An interruption ends the loop quietly.
-    } catch (...) {
+    }
+    KESTREL_PASS_THREAD_END
+    catch (...) {
         result = false;
     }
     try {
         stopping();
-    } catch (...) {
+    }
+    KESTREL_PASS_THREAD_END
+    catch (...) {
         result = false;
     }
     return result;
