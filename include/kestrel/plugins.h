@@ -118,6 +118,24 @@ class KESTREL_API PluginReference : public IPluginReference {
     // Null until a load succeeds.
     void* getEntryPointFcn() const override;
 
+    // Why the last load() failed, as UTF-8 text for people (not for
+    // parsing); empty before any load, after a successful one and in a
+    // moved-from reference. The thrown exception keeps its fixed text; this
+    // adds what the system said:
+    //   "file not found: <path>"
+    //   "refused by the verification strategy: <its exception's message>"
+    //   the system loader's own text for its last call, such as a missing
+    //     dependency, a wrong architecture or a file that is no library
+    //     ("error <code>" when the system has no text for its error code)
+    //   "entry point not found: <name> (<the system's symbol-lookup text>)"
+    // Example:
+    //   try {
+    //       reference.load(path, "pluginMain", u"");
+    //   } catch (const KSException& e) {
+    //       report(e.getMessage(), reference.getLastLoadFailureReason());
+    //   }
+    const std::string& getLastLoadFailureReason() const;
+
   private:
     // One verified load attempt; null on success.
     std::unique_ptr<KSException> attemptLoad(const ustring& filePath,
@@ -127,6 +145,7 @@ class KESTREL_API PluginReference : public IPluginReference {
     void* _entryPoint;
     bool _unloadOnDestruction;
     std::unique_ptr<IVerificationStrategy> _verificationStrategy;
+    std::string _lastLoadFailureReason;
 };
 
 // Turns a plugin path and an entry-point name into a loaded plugin.
@@ -196,6 +215,18 @@ class KESTREL_API PluginLoader {
 
     // Never null.
     void* getEntryPointFcn() const;
+
+    // Why the last plugin load made on the calling thread failed (by a
+    // PluginLoader, an UnsignedPluginFactory or a PluginReference), in the
+    // words of PluginReference::getLastLoadFailureReason(); empty when that
+    // load succeeded or the thread has made none. A failed constructor
+    // leaves no loader to ask, hence a per-thread value, read like errno:
+    //   try {
+    //       PluginLoader plugin(path, "pluginMain", true, u"");
+    //   } catch (const KSException& e) {
+    //       report(e.getMessage(), PluginLoader::getLastLoadFailureReason());
+    //   }
+    static std::string getLastLoadFailureReason();
 
     // Rewrites a plugin path: the first "$QX_INSTALL_ROOT" becomes the
     // installation root (as the foundation services report it), then the

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "kestrel/export.h"
 
@@ -28,6 +29,11 @@ const LoaderApi& loaderApi();
 // the next call; null restores the system's calls. Call it only while no
 // plugin is being loaded or freed.
 KESTREL_API void setLoaderApiForTesting(const LoaderApi* api);
+
+// Why the latest plugin load on the calling thread failed; empty when it
+// succeeded or none was made. Every PluginReference::load sets it.
+const std::string& lastLoadFailureReasonOnThread();
+void setLastLoadFailureReasonOnThread(const std::string& reason);
 
 }  // namespace detail
 }  // namespace kestrel

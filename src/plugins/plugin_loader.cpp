@@ -2,6 +2,7 @@
 #include <fl/i18n.h>
 
 #include "kestrel/plugins.h"
+#include "plugins/loader_api.h"
 
 namespace kestrel {
 
@@ -30,6 +31,8 @@ PluginLoader::PluginLoader(const std::string& pluginPath, const std::string& plu
     // page); a path that does not come back unchanged would be a different
     // path, so it is refused. The message shows what could be converted.
     if (fl::i18n::to_string(path) != pluginPath) {
+        detail::setLastLoadFailureReasonOnThread("the path is not valid UTF-8 text: " +
+                                                 fl::i18n::to_string(path));
         throw KSException("corvane:plugin:pluginNotLoaded",
                           "Failure to load the requested plugin: %s.",
                           fl::i18n::to_string(path).c_str());
@@ -53,6 +56,10 @@ void PluginLoader::load(const ustring& pluginPath, const std::string& pluginEntr
     const UnsignedPluginFactory factory;
     _pluginReference = factory.loadPlugin(pluginPath, pluginEntryPoint, unloadOnDestruction,
                                           libraryLoadSearchPath);
+}
+
+std::string PluginLoader::getLastLoadFailureReason() {
+    return detail::lastLoadFailureReasonOnThread();
 }
 
 ustring PluginLoader::preProcessPath(const ustring& path, const ustring& pathSeparator) {

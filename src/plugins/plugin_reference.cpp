@@ -3,6 +3,11 @@
 
 #include <foundation/log/diagnostic_logger.h>
 
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "diagnostics/debug_log_internal.h"
 #include "kestrel/plugins.h"
 #include "platform/platform.h"
 #include "plugins/loader_api.h"
@@ -16,6 +21,10 @@ constexpr unsigned int kFailure = 512;
 
 // Every plugin reference writes its progress and failures here.
 foundation::log::basic_diagnostic_logger<char> pluginLoaderChannel("kestrel::PluginLoader");
+
+// The reason of the latest PluginReference::load on this thread, for callers
+// whose reference is gone with the failure (PluginLoader, factories).
+thread_local std::string lastReasonOnThread;
 
 // Builds the line only when the channel would write it.
 template <typename MakeLine>
@@ -55,6 +64,40 @@ ustring absolutePath(const ustring& path) {
     return full.empty() ? path : fl::i18n::to_ustring(full);
 }
 
+// The system's text for the error code of a failed loader call, exactly as
+// UTF-8 and without the line break Windows ends it with; "%1" (Windows'
+// place for the file name) becomes fileName. "error <code>" when the system
+// has no text for the code.
+std::string systemErrorText(platform::ErrorCode code, const std::string& fileName) {
+    if (code == 0) {
+        return "the loader call failed without an error code";
+    }
+    wchar_t* systemText = nullptr;
+    const std::uint32_t length = platform::FormatMessageW(
+        platform::kFormatMessageAllocateBuffer | platform::kFormatMessageFromSystem |
+            platform::kFormatMessageIgnoreInserts,
+        nullptr, code, platform::kLanguageUserDefault, reinterpret_cast<wchar_t*>(&systemText), 0,
+        nullptr);
+    std::string text;
+    try {
+        if (length != 0) {
+            text = detail::narrowSystemText(systemText, std::numeric_limits<std::size_t>::max());
+        }
+    } catch (...) {
+        platform::LocalFree(systemText);
+        throw;
+    }
+    platform::LocalFree(systemText);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
+        text.pop_back();
+    }
+    const std::size_t insert = text.find("%1");
+    if (insert != std::string::npos) {
+        text.replace(insert, 2, fileName);
+    }
+    return text.empty() ? "error " + std::to_string(code) : text;
+}
+
 KSException pluginNotLoaded(const std::string& narrowPath) {
     return KSException("corvane:plugin:pluginNotLoaded",
                        "Failure to load the requested plugin: %s.", narrowPath.c_str());
@@ -64,8 +107,9 @@ KSException pluginNotLoaded(const std::string& narrowPath) {
 // library's directory searched first, with its directory and the default
 // directories, and finally (only with a search path) with the added
 // directories. The error mode and the added directory stay with the process.
-void* loadLibraryAndAddGlobalSymbols(const ustring& filePath,
-                                     const ustring& libraryLoadSearchPath) {
+// When every call fails, reason is the system's text for the last one made.
+void* loadLibraryAndAddGlobalSymbols(const ustring& filePath, const ustring& libraryLoadSearchPath,
+                                     std::string& reason) {
     const detail::LoaderApi& api = detail::loaderApi();
     constexpr std::uint32_t quietErrors =
         platform::kSemFailCriticalErrors | platform::kSemNoOpenFileErrorBox;
@@ -73,14 +117,25 @@ void* loadLibraryAndAddGlobalSymbols(const ustring& filePath,
     api.setErrorMode(previousMode | quietErrors);
 
     const std::wstring path = fl::i18n::to_wstring(filePath);
-    void* module = api.loadLibrary(path.c_str());
+    // The error is read at once: the next call (of any kind) may replace it.
+    const auto tried = [&](void* result) {
+        if (result == nullptr) {
+            reason = systemErrorText(platform::GetLastError(), fl::i18n::to_string(filePath));
+        }
+        return result;
+    };
+    platform::SetLastError(0);
+    void* module = tried(api.loadLibrary(path.c_str()));
     if (module == nullptr) {
-        module = api.loadLibraryEx(path.c_str(), nullptr, platform::kLoadWithAlteredSearchPath);
+        platform::SetLastError(0);
+        module =
+            tried(api.loadLibraryEx(path.c_str(), nullptr, platform::kLoadWithAlteredSearchPath));
     }
     if (module == nullptr) {
-        module = api.loadLibraryEx(
+        platform::SetLastError(0);
+        module = tried(api.loadLibraryEx(
             path.c_str(), nullptr,
-            platform::kLoadLibrarySearchDllLoadDir | platform::kLoadLibrarySearchDefaultDirs);
+            platform::kLoadLibrarySearchDllLoadDir | platform::kLoadLibrarySearchDefaultDirs));
     }
     // A search path that cannot be converted exactly is not added: it would
     // name a different directory.
@@ -88,7 +143,9 @@ void* loadLibraryAndAddGlobalSymbols(const ustring& filePath,
         convertsExactly(libraryLoadSearchPath)) {
         const std::wstring directory = fl::i18n::to_wstring(libraryLoadSearchPath);
         if (api.addDllDirectory(directory.c_str()) != nullptr) {
-            module = api.loadLibraryEx(path.c_str(), nullptr, platform::kLoadLibrarySearchUserDirs);
+            platform::SetLastError(0);
+            module = tried(
+                api.loadLibraryEx(path.c_str(), nullptr, platform::kLoadLibrarySearchUserDirs));
         }
     }
     return module;
@@ -109,9 +166,11 @@ PluginReference::PluginReference(PluginReference&& other) noexcept
     : _library(other._library),
       _entryPoint(other._entryPoint),
       _unloadOnDestruction(other._unloadOnDestruction),
-      _verificationStrategy(std::move(other._verificationStrategy)) {
+      _verificationStrategy(std::move(other._verificationStrategy)),
+      _lastLoadFailureReason(std::move(other._lastLoadFailureReason)) {
     other._library = nullptr;
     other._entryPoint = nullptr;
+    other._lastLoadFailureReason.clear();
 }
 
 PluginReference::~PluginReference() {
@@ -129,6 +188,18 @@ void PluginReference::load(const ustring& pluginPath, const std::string& pluginE
     });
     _library = nullptr;
     _entryPoint = nullptr;
+    _lastLoadFailureReason.clear();
+    // However the load ends, this thread's reason follows the reference's.
+    struct PublishReason {
+        const std::string& reason;
+        ~PublishReason() {
+            try {
+                lastReasonOnThread = reason;
+            } catch (...) {
+                lastReasonOnThread.clear();  // out of memory: no stale reason at least
+            }
+        }
+    } const publish{_lastLoadFailureReason};
 
     ustring filePath = pluginPath;
     if (!endsWith(filePath, u".dll")) {
@@ -147,10 +218,14 @@ void PluginReference::load(const ustring& pluginPath, const std::string& pluginE
     }
 
     const detail::LoaderApi& api = detail::loaderApi();
+    platform::SetLastError(0);
     _entryPoint = api.getProcAddress(_library, pluginEntryPoint.c_str());
     if (_entryPoint != nullptr) {
         return;
     }
+    _lastLoadFailureReason =
+        "entry point not found: " + pluginEntryPoint + " (" +
+        systemErrorText(platform::GetLastError(), fl::i18n::to_string(filePath)) + ")";
     api.freeLibrary(_library);
     _library = nullptr;
     throw KSException("corvane:plugin:symbolNotFound",
@@ -162,23 +237,54 @@ void* PluginReference::getEntryPointFcn() const {
     return _entryPoint;
 }
 
+const std::string& PluginReference::getLastLoadFailureReason() const {
+    return _lastLoadFailureReason;
+}
+
+namespace detail {
+
+const std::string& lastLoadFailureReasonOnThread() {
+    return lastReasonOnThread;
+}
+
+void setLastLoadFailureReasonOnThread(const std::string& reason) {
+    lastReasonOnThread = reason;
+}
+
+}  // namespace detail
+
 std::unique_ptr<KSException> PluginReference::attemptLoad(const ustring& filePath,
                                                           const ustring& libraryLoadSearchPath) {
     const std::string narrowPath = fl::i18n::to_string(filePath);
     writeLine(kProgress, [&] { return "attemptLoad: filePath: " + narrowPath; });
 
-    if (!convertsExactly(filePath) || !fl::filesystem::exists(filePath)) {
+    const bool exact = convertsExactly(filePath);
+    if (!exact || !fl::filesystem::exists(filePath)) {
+        _lastLoadFailureReason =
+            exact ? "file not found: " + narrowPath
+                  : "file not found: the path is not valid UTF-16 or holds a zero character: " +
+                        narrowPath;
         writeLine(kFailure,
                   [&] { return "attemptLoad: filePath: " + narrowPath + " doesn't exist"; });
         return std::make_unique<KSException>(pluginNotLoaded(narrowPath));
     }
-    if (_verificationStrategy != nullptr && !_verificationStrategy->verifyPlugin(filePath)) {
-        auto refusal = std::make_unique<KSException>(_verificationStrategy->getException(filePath));
-        writeLine(kFailure, [] { return std::string("Verification failed!"); });
-        return refusal;
+    if (_verificationStrategy != nullptr) {
+        // Set first: it stays when the strategy throws.
+        _lastLoadFailureReason = "the verification strategy threw an exception";
+        if (!_verificationStrategy->verifyPlugin(filePath)) {
+            auto refusal =
+                std::make_unique<KSException>(_verificationStrategy->getException(filePath));
+            _lastLoadFailureReason =
+                "refused by the verification strategy: " + std::string(refusal->getMessage());
+            writeLine(kFailure, [] { return std::string("Verification failed!"); });
+            return refusal;
+        }
+        _lastLoadFailureReason.clear();
     }
-    _library = loadLibraryAndAddGlobalSymbols(filePath, libraryLoadSearchPath);
+    _library =
+        loadLibraryAndAddGlobalSymbols(filePath, libraryLoadSearchPath, _lastLoadFailureReason);
     if (_library != nullptr) {
+        _lastLoadFailureReason.clear();
         return nullptr;
     }
     writeLine(kFailure, [] { return std::string("loadLibraryAndAddGlobalSymbols failed!"); });
