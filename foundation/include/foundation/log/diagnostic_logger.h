@@ -2,10 +2,18 @@
 // one record per line. Each record carries the attributes "Channel"
 // (std::string, the channel's name) and "Severity" (unsigned int, one bit
 // within the low 15 bits). A channel writes only the severities enabled in
-// its mask, and only while the Boost.Log core has logging enabled; where the
-// records end up is decided by the sinks the host (or a test) adds to the
-// Boost.Log core (with no sink at all, Boost.Log's default sink prints them
-// to std::clog).
+// its mask, and only while the Boost.Log core has logging enabled.
+//
+// Where the records end up: by default on standard error, one line each,
+//   [kestrel::PluginLoader] [512] loadLibraryAndAddGlobalSymbols failed!
+// through a default sink that the first channel's construction adds to the
+// Boost.Log core (normally when the library owning the channel is loaded).
+// It takes the records of these channels only (those with both attributes).
+// A host that routes the records itself adds its own sinks to the core and
+// calls remove_default_sink() (before or after, any time);
+// core::remove_all_sinks() removes the default sink as well. Adding a sink
+// alone does not remove it: the records would then reach both. See
+// docs/diagnostics.md.
 //
 // Masks are kept per channel name, process-wide: every logger of a name
 // shares one mask, and set_severity_mask() may be called before or after the
@@ -28,6 +36,11 @@ constexpr unsigned int default_severity_mask = 0x7E00u;
 FL_API void set_severity_mask(const std::string& channel, unsigned int mask);
 // The enabled-severity mask of the channel with this name.
 FL_API unsigned int severity_mask(const std::string& channel);
+
+// Takes the default standard-error sink out of the Boost.Log core, for good:
+// it is not added again, also not by channels built later. Any thread; does
+// nothing the second time.
+FL_API void remove_default_sink();
 
 template <typename CharT>
 class basic_diagnostic_logger;
