@@ -25,7 +25,9 @@ bool failsWith(const std::string& path, const char* entryPoint, const char* expe
         std::printf("unexpectedly loaded %s\n", path.c_str());
         return false;
     } catch (const kestrel::KSException& e) {
-        std::printf("  %s\n    %s\n", e.getID(), e.getMessage());
+        // The exception's text is fixed; the reason adds what went wrong.
+        std::printf("  %s\n    %s\n    reason: %s\n", e.getID(), e.getMessage(),
+                    kestrel::PluginLoader::getLastLoadFailureReason().c_str());
         return std::strcmp(e.getID(), expectedId) == 0;
     }
 }
@@ -56,8 +58,8 @@ int main() {
 
     // Failures are also reported on the diagnostic channel
     // "kestrel::PluginLoader" (a Boost.Log source; failures are enabled by
-    // default). A host adds its own Boost.Log sinks; with none at all,
-    // Boost.Log prints those lines to stderr.
+    // default). Unless the host routes them itself (docs/diagnostics.md),
+    // those lines go to standard error.
     std::printf("failures:\n");
     const std::string plugin = fl::i18n::to_string(path);
     const bool missing =

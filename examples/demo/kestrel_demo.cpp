@@ -14,10 +14,12 @@
 //     at once shows flushing;
 //   - a TimerThread ticks every 20 ms and measures how late each tick runs;
 //   - a plugin is loaded from a path written with "$QX_INSTALL_ROOT" and
-//     "$QX_ARCH", and its entry point is called;
+//     "$QX_ARCH", and its entry point is called; a text file posing as a
+//     plugin fails to load, and the demo shows why;
 //   - a KSDebugLog records what happened.
 // It ends with a report, after checking that every event is accounted for.
 // Exit status: 0 on success, 1 with a message on stderr on any failure.
+#include <fl/filesystem.h>
 #include <fl/i18n.h>
 #include <foundation/log/diagnostic_logger.h>
 #include <kestrel/kestrel.h>
@@ -31,6 +33,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <set>
@@ -139,6 +142,49 @@ PluginResult loadPlugin(demo::DebugRecorder& recorder) {
     return result;
 }
 
+struct BrokenPluginResult {
+    std::string path;
+    std::string failure;  // the exception: identifier and message
+    std::string reason;   // what the system loader said
+    std::vector<std::string> loaderLines;
+};
+
+// Removes a file on the way out, also when the demo fails.
+struct RemoveFile {
+    std::filesystem::path path;
+    ~RemoveFile() {
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
+    }
+};
+
+// A failing load: a text file named like a plugin, in the temporary
+// directory (and removed again). The exception names the failure; the
+// reason says what the system loader found wrong.
+BrokenPluginResult loadBrokenPlugin() {
+    BrokenPluginResult result;
+    const kestrel::ustring file = fl::filesystem::tmpnam(fl::filesystem::temp_directory_name(),
+                                                         u"kestrel-demo-not-a-plugin-", u".dll");
+    result.path = fl::i18n::to_string(file);
+    const RemoveFile removeFile{std::filesystem::u8path(result.path)};
+    std::ofstream(removeFile.path) << "This text file is not a library.\n";
+
+    const ChannelLines loaderChannel("kestrel::PluginLoader", 8);
+    try {
+        const kestrel::PluginLoader plugin(file, kPluginEntryPoint, true, u"");
+        throw kestrel::KSException("kestrel-demo:plugin:loaded", "a text file loaded as %s",
+                                   result.path.c_str());
+    } catch (const kestrel::KSException& e) {
+        if (std::string(e.getID()) != "corvane:plugin:pluginNotLoaded") {
+            throw;
+        }
+        result.failure = std::string(e.getID()) + ": " + e.getMessage();
+        result.reason = kestrel::PluginLoader::getLastLoadFailureReason();
+    }
+    result.loaderLines = loaderChannel.lines();
+    return result;
+}
+
 bool allDone(const demo::Job* jobs, std::size_t count) {
     return std::all_of(jobs, jobs + count, [](const demo::Job& job) { return job.done; });
 }
@@ -220,6 +266,9 @@ std::vector<std::string> newestNotes(const kestrel::EventInfoLog& infoLog) {
 }
 
 int runDemo() {
+    // The demo routes the diagnostic channels into its report itself
+    // (ChannelLines), so the default standard-error sink goes.
+    foundation::log::remove_default_sink();
     const kestrel::ElapsedTimer runTime;
     // Unbuffered, so that the file is complete even if the demo dies.
     kestrel::KSDebugLog debugLog("kestrel-demo-", /*buffered=*/false);
@@ -249,6 +298,7 @@ int runDemo() {
         ->serviceEvent(true);
 
     const PluginResult plugin = loadPlugin(recorder);
+    const BrokenPluginResult brokenPlugin = loadBrokenPlugin();
     ++ledger.servicedAtOnce;
     (new demo::NoteEvent(ledger, "PluginLoaded", plugin.greeting, infoLog, recorder))
         ->serviceEvent(true);
@@ -357,6 +407,12 @@ int runDemo() {
     std::printf("  loaded     yes; %s() returned \"%s\"\n", kPluginEntryPoint,
                 plugin.greeting.c_str());
     for (const std::string& line : plugin.loaderLines) {
+        std::printf("  loader     %s\n", line.c_str());
+    }
+    std::printf("  broken     %s (a text file, removed again)\n", brokenPlugin.path.c_str());
+    std::printf("  failed     %s\n", brokenPlugin.failure.c_str());
+    std::printf("  reason     %s\n", brokenPlugin.reason.c_str());
+    for (const std::string& line : brokenPlugin.loaderLines) {
         std::printf("  loader     %s\n", line.c_str());
     }
 
