@@ -134,5 +134,15 @@ int main(int argc, char** argv) {
     write(paths, "narrow_existing", text("\x01/tmp/kestrel-plugin-path-fuzz/p"));
     write(paths, "narrow_code_page", text("\x01/tmp/kestrel-plugin-path-fuzz/\xE9p"));
     write(paths, "narrow_relative", text("\x01../plugins/Jos\xC3\xA9"));
+    // Relative, reaching the existing file from any directory less than 16
+    // levels deep.
+    std::u16string up;
+    for (int i = 0; i < 16; ++i) {
+        up += u"..\\";
+    }
+    write(paths, "relative_existing", units(up + u"tmp/kestrel-plugin-path-fuzz/p"));
+    // Rooted by backslashes, which are separators on every system.
+    write(paths, "backslash_root", units(u"\\tmp\\kestrel-plugin-path-fuzz\\p"));
+    write(paths, "narrow_backslashes_root", text("\x01\\\\\\/tmp/kestrel-plugin-path-fuzz/p"));
     return 0;
 }
