@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "kestrel/export.h"
+#include "core/test_seam.h"
 #include "kestrel/testing/clock.h"
 
 namespace kestrel {
@@ -28,7 +28,7 @@ inline void setProcessClockSourcesForTesting(ClockSources* sources) {
     testing::setClockSources(sources);
 }
 // The calibration state: 0 uncalibrated, 1 tracking, 2 sampling, 3 blending.
-KESTREL_API std::int32_t getProcessClockStateForTesting();
+KESTREL_TEST_SEAM std::int32_t getProcessClockStateForTesting();
 
 }  // namespace detail
 }  // namespace kestrel
