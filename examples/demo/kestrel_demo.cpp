@@ -265,13 +265,32 @@ std::vector<std::string> newestNotes(const kestrel::EventInfoLog& infoLog) {
     return notes;
 }
 
+// The demo leaves no file behind: the debug file goes once the log has
+// closed it, unless the run failed, when it is kept for a look.
+struct DebugFileCleanup {
+    ~DebugFileCleanup() {
+        if (fileName.empty()) {
+            return;
+        }
+        if (succeeded) {
+            std::remove(fileName.c_str());
+        } else {
+            std::fprintf(stderr, "kestrel-demo: debug file kept: %s\n", fileName.c_str());
+        }
+    }
+    std::string fileName;
+    bool succeeded = false;
+};
+
 int runDemo() {
     // The demo routes the diagnostic channels into its report itself
     // (ChannelLines), so the default standard-error sink goes.
     foundation::log::remove_default_sink();
     const kestrel::ElapsedTimer runTime;
+    DebugFileCleanup debugFileCleanup;  // runs after the log has closed the file
     // Unbuffered, so that the file is complete even if the demo dies.
     kestrel::KSDebugLog debugLog("kestrel-demo-", /*buffered=*/false);
+    debugFileCleanup.fileName = debugLog.getFileName();
     demo::DebugRecorder recorder(debugLog);
     recorder.record("main thread: kestrel-demo starting");
     std::printf(
@@ -417,7 +436,7 @@ int runDemo() {
     }
 
     const DebugFileSummary debugFile = summarise(debugLog.getFileName(), 4);
-    std::printf("\nDebug file  %s\n", debugLog.getFileName().c_str());
+    std::printf("\nDebug file  %s (deleted when the demo ends)\n", debugLog.getFileName().c_str());
     for (const std::string& line : debugFile.firstRecords) {
         std::printf("  %s\n", line.c_str());
     }
@@ -428,6 +447,7 @@ int runDemo() {
     for (const std::string& note : newestNotes(infoLog)) {
         std::printf("  %s\n", note.c_str());
     }
+    debugFileCleanup.succeeded = true;
     return 0;
 }
 

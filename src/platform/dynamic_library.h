@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "kestrel/export.h"
+#include "core/test_seam.h"
 
 namespace kestrel {
 namespace platform {
@@ -71,9 +71,9 @@ void* GetProcAddress(ModuleHandle module, const char* name);
 #if !defined(_WIN32)
 // How many directories the calling thread's last LoadLibraryExW searched for
 // the library's dependencies (each distinct directory counts once).
-KESTREL_API std::size_t lastSearchedDirectoryCount();
+KESTREL_TEST_SEAM std::size_t lastSearchedDirectoryCount();
 // How many files it inspected: the library and the dependencies it followed.
-KESTREL_API std::size_t lastInspectedFileCount();
+KESTREL_TEST_SEAM std::size_t lastInspectedFileCount();
 #endif
 
 // Releases one load of module; the library is unloaded with its last

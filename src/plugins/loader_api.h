@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "kestrel/export.h"
+#include "core/test_seam.h"
 
 namespace kestrel {
 namespace detail {
@@ -20,7 +20,7 @@ struct LoaderApi {
 };
 
 // The operating system's calls (the platform layer).
-KESTREL_API const LoaderApi& systemLoaderApi();
+KESTREL_TEST_SEAM const LoaderApi& systemLoaderApi();
 
 // The calls plugin references use now.
 const LoaderApi& loaderApi();
@@ -28,7 +28,7 @@ const LoaderApi& loaderApi();
 // Makes every plugin reference use api (which must outlive its use) until
 // the next call; null restores the system's calls. Call it only while no
 // plugin is being loaded or freed.
-KESTREL_API void setLoaderApiForTesting(const LoaderApi* api);
+KESTREL_TEST_SEAM void setLoaderApiForTesting(const LoaderApi* api);
 
 // Why the latest plugin load on the calling thread failed; empty when it
 // succeeded or none was made. Every PluginReference::load sets it.

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <boost/chrono/system_clocks.hpp>
 #include <cmath>
+#include <condition_variable>
 #include <cstddef>
 #include <ctime>
 #include <limits>
@@ -118,14 +119,27 @@ class ClockCalibration {
         return systemGranularity;
     }
 
+    // Installs replacement (null: the system clocks) and returns only once
+    // no unlocked request can still be reading the sources it replaced.
     void reset(ClockSources* replacement) {
-        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
-        const WriteSection section(*this);
-        sources = replacement != nullptr ? replacement : &systemSources;
-        state = Uncalibrated;
-        rate = targetRate = previousRate = 1.0;
-        restartAfterBlend = false;
-        ratioSamples.clear();
+        const std::lock_guard<std::mutex> replacing(replaceLock);
+        {
+            const std::lock_guard<RecursiveMutex> guard(calibrationLock);
+            const WriteSection section(*this);
+            sources = replacement != nullptr ? replacement : &systemSources;
+            // At once, not only when the section publishes: a pinned reader
+            // checks this after taking its pin (see SourcePin).
+            published.sources.store(sources, std::memory_order_seq_cst);
+            state = Uncalibrated;
+            rate = targetRate = previousRate = 1.0;
+            restartAfterBlend = false;
+            ratioSamples.clear();
+        }
+        // Readers from now on pin the other slot; wait for this one to
+        // drain. It cannot refill: a reader that still takes it finds the
+        // generation moved on and lets go.
+        const std::uint32_t generation = pinGeneration.fetch_add(1, std::memory_order_seq_cst);
+        waitUntilUnpinned(pins[generation & 1U]);
     }
 
     std::int32_t getState() {
@@ -194,6 +208,60 @@ class ClockCalibration {
         published.deadline.store(deadline, std::memory_order_release);
     }
 
+    // Keeps an unlocked request's sources alive while it reads them. The
+    // system clocks live as long as the process clock and need no pin; a
+    // test's sources may be destroyed as soon as reset() returns, so a
+    // request counts itself in the slot of the current generation, then
+    // checks that the generation and its sources are still the published
+    // ones. reset() publishes the new sources, moves to the next generation
+    // and waits for the previous slot to empty; seq_cst on both sides means
+    // that either the waiter sees the count or the reader sees the change.
+    // reset() calls run one at a time, so a pin held across two of them
+    // holds up the first.
+    class SourcePin {
+      public:
+        SourcePin(ClockCalibration& clock, ClockSources* source) : _clock(clock) {
+            if (source == &clock.systemSources) {
+                return;
+            }
+            const std::uint32_t generation = clock.pinGeneration.load(std::memory_order_seq_cst);
+            _slot = &clock.pins[generation & 1U];
+            _slot->fetch_add(1, std::memory_order_seq_cst);
+            _valid = clock.pinGeneration.load(std::memory_order_seq_cst) == generation &&
+                     clock.published.sources.load(std::memory_order_seq_cst) == source;
+        }
+        ~SourcePin() {
+            if (_slot != nullptr) {
+                _clock.unpin(*_slot);
+            }
+        }
+        SourcePin(const SourcePin&) = delete;
+        SourcePin& operator=(const SourcePin&) = delete;
+
+        // False when the sources were replaced before the pin was taken.
+        bool valid() const { return _valid; }
+
+      private:
+        ClockCalibration& _clock;
+        std::atomic<std::uint32_t>* _slot = nullptr;
+        bool _valid = true;
+    };
+
+    void unpin(std::atomic<std::uint32_t>& slot) {
+        if (slot.fetch_sub(1, std::memory_order_seq_cst) == 1 &&
+            replacersWaiting.load(std::memory_order_seq_cst) != 0) {
+            const std::lock_guard<std::mutex> lock(pinLock);
+            unpinned.notify_all();
+        }
+    }
+
+    void waitUntilUnpinned(const std::atomic<std::uint32_t>& slot) {
+        std::unique_lock<std::mutex> lock(pinLock);
+        replacersWaiting.fetch_add(1, std::memory_order_seq_cst);
+        unpinned.wait(lock, [&] { return slot.load(std::memory_order_seq_cst) == 0; });
+        replacersWaiting.fetch_sub(1, std::memory_order_seq_cst);
+    }
+
     // The request of now() when it would change nothing: in the tracking
     // state, before the deadline, without a jump. Reads the clocks in the
     // order of the locked request (stopwatch, then wall clock); the wall
@@ -209,6 +277,10 @@ class ClockCalibration {
         }
         ClockSources* const source = published.sources.load(std::memory_order_acquire);
         if (source == nullptr) {
+            return false;
+        }
+        const SourcePin pin(*this, source);
+        if (!pin.valid()) {
             return false;
         }
         const double base = published.baseTime.load(std::memory_order_acquire);
@@ -356,6 +428,14 @@ class ClockCalibration {
     // Odd while a locked section runs; see the class comment.
     std::atomic<std::uint32_t> sequence{0};
     Published published;
+
+    // Unlocked requests reading a test's sources; see SourcePin.
+    std::mutex replaceLock;  // one reset() at a time
+    std::atomic<std::uint32_t> pinGeneration{0};
+    std::atomic<std::uint32_t> pins[2] = {{0}, {0}};
+    std::atomic<int> replacersWaiting{0};
+    std::mutex pinLock;
+    std::condition_variable unpinned;
 };
 
 ClockCalibration& clockCalibration() {
@@ -373,13 +453,19 @@ double processClockSystemGranularity() {
     return clockCalibration().getSystemGranularity();
 }
 
-void setProcessClockSourcesForTesting(ClockSources* sources) {
-    clockCalibration().reset(sources);
-}
-
 std::int32_t getProcessClockStateForTesting() {
     return clockCalibration().getState();
 }
 
 }  // namespace detail
+
+namespace testing {
+
+ClockSources::~ClockSources() = default;
+
+void setClockSources(ClockSources* sources) {
+    detail::clockCalibration().reset(sources);
+}
+
+}  // namespace testing
 }  // namespace kestrel

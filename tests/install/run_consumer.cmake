@@ -28,3 +28,20 @@ run(${CMAKE_COMMAND} ${cross_args} -S "${CONSUMER_SOURCE_DIR}" -B "${build}"
     "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${EXE_LINKER_FLAGS}")
 run(${CMAKE_COMMAND} --build "${build}")
 run(${emulator} "${build}/consumer${EXE_SUFFIX}" "${expected_root}")
+
+# The consumer's configure asked for Boost's headers and nothing else: the
+# Boost libraries are the shared library's own.
+file(STRINGS "${build}/CMakeCache.txt" boost_libraries
+    REGEX "^(boost_(thread|chrono|log)_DIR|Boost_(THREAD|CHRONO|LOG)_LIBRARY)")
+if(boost_libraries)
+    message(FATAL_ERROR "the package looked for Boost libraries: ${boost_libraries}")
+endif()
+
+# Another compiler with its defaults (see CMakeLists.txt).
+if(OTHER_CXX_COMPILER)
+    set(other "${WORK_DIR}/consumer-build-other")
+    run(${CMAKE_COMMAND} -S "${CONSUMER_SOURCE_DIR}" -B "${other}"
+        -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${OTHER_CXX_COMPILER})
+    run(${CMAKE_COMMAND} --build "${other}")
+    run("${other}/consumer" "${expected_root}")
+endif()

@@ -26,3 +26,11 @@ if(TARGET_PREFIX)
 else()
     run_program("${WORK_DIR}/consumer" "${prefix}")
 endif()
+
+# Another compiler with its defaults and nothing but the package's flags
+# (see CMakeLists.txt).
+if(OTHER_CXX_COMPILER)
+    run(${OTHER_CXX_COMPILER} -o "${WORK_DIR}/consumer-other" "${CONSUMER_SOURCE}"
+        ${package_flags})
+    run_program("${WORK_DIR}/consumer-other" "${prefix}")
+endif()

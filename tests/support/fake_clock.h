@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cmath>
 
+#include "kestrel/testing/clock.h"
 #include "support/timing.h"
-#include "time/process_clock.h"
 
 namespace kestrel_test {
 
@@ -19,13 +19,13 @@ namespace kestrel_test {
 // clock counts from its own epoch, 1601 as on Windows, so that the epoch's
 // handling shows. Setting pause to 0 makes the next stopwatch read, on
 // whatever thread, set it to 1 and wait there until the test sets it to 2.
-class FakeClock : public kestrel::detail::ClockSources {
+class FakeClock : public kestrel::testing::ClockSources {
   public:
     explicit FakeClock(double wallSeconds = 1.7e9) {
         advance(0.0, wallSeconds);
-        kestrel::detail::setProcessClockSourcesForTesting(this);
+        kestrel::testing::setClockSources(this);
     }
-    ~FakeClock() override { kestrel::detail::setProcessClockSourcesForTesting(nullptr); }
+    ~FakeClock() override { kestrel::testing::setClockSources(nullptr); }
 
     void advance(double seconds, double wallJump = 0.0) {
         _wall += std::llround((seconds + wallJump) * 1e7);

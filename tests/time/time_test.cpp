@@ -1,13 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <memory>
 #include <thread>
+#include <vector>
 
+#include "kestrel/testing/clock.h"
 #include "kestrel/time.h"
 #include "support/fake_clock.h"
 #include "support/os.h"
 #include "support/timing.h"
+#include "time/process_clock.h"
 
 using namespace kestrel;
 using namespace kestrel_test;
@@ -102,4 +107,59 @@ TEST(TimestampTest, RealClocksGiveTheSystemTimeInFineStepsAndTheTimeSinceAStart)
     EXPECT_EQ(idle.getElapsedTime(), 0.0);
     timer.start();
     EXPECT_LT(timer.getElapsedTime(), kSchedulingAllowance);
+}
+
+// setClockSources() returns only once no reading of the sources it replaced
+// is in progress, whatever other threads do meanwhile: a test may destroy
+// them at once. A reading here that sees its sources retired while it runs
+// is one that the replacement did not wait for.
+TEST(TestingClockTest, ReplacedSourcesAreNoLongerReadOnceTheReplacementReturns) {
+    struct Sources : kestrel::testing::ClockSources {
+        std::int64_t wallTicks() override { return check(wall += 10000); }  // 1 ms steps
+        std::int64_t wallTicksAtTimeZero() override { return 0; }
+        std::int64_t steadyNanoseconds() override { return check(steady += 1000); }
+        std::int64_t check(std::int64_t value) {
+            // Long enough for a replacement to overlap most readings.
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+            if (retired) {
+                ++lateReadings;
+            }
+            return value;
+        }
+        std::atomic<std::int64_t> wall{17000000000000000}, steady{0};
+        std::atomic<bool> retired{false};
+        std::atomic<int> lateReadings{0};
+    };
+    std::atomic<bool> done{false};
+    std::atomic<long> readings{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 2; ++i) {
+        readers.emplace_back([&] {
+            while (!done) {
+                Timestamp();
+                ++readings;
+            }
+        });
+    }
+    std::vector<std::unique_ptr<Sources>> all;
+    for (int i = 0; i < 100; ++i) {
+        all.push_back(std::make_unique<Sources>());
+        kestrel::testing::setClockSources(all.back().get());
+        if (all.size() > 1) {
+            all[all.size() - 2]->retired = true;
+        }
+        const long seen = readings;
+        waitFor([&] { return readings > seen + 2; });
+    }
+    kestrel::testing::setClockSources(nullptr);
+    all.back()->retired = true;
+    done = true;
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    int late = 0;
+    for (const auto& sources : all) {
+        late += sources->lateReadings;
+    }
+    EXPECT_EQ(late, 0);
 }
