@@ -32,7 +32,7 @@ KESTREL_TEST_SEAM void setLoaderApiForTesting(const LoaderApi* api);
 
 // Why the latest plugin load on the calling thread failed; empty when it
 // succeeded or none was made. Every PluginReference::load sets it.
-const std::string& lastLoadFailureReasonOnThread();
+std::string lastLoadFailureReasonOnThread();
 void setLastLoadFailureReasonOnThread(const std::string& reason);
 
 }  // namespace detail

@@ -3,6 +3,7 @@
 
 #include <foundation/log/diagnostic_logger.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -23,8 +24,15 @@ constexpr unsigned int kFailure = 512;
 foundation::log::basic_diagnostic_logger<char> pluginLoaderChannel("kestrel::PluginLoader");
 
 // The reason of the latest PluginReference::load on this thread, for callers
-// whose reference is gone with the failure (PluginLoader, factories).
-thread_local std::string lastReasonOnThread;
+// whose reference is gone with the failure (PluginLoader, factories). A plain
+// buffer, not a std::string: a thread_local with a destructor registers a
+// per-thread destructor, and in a DLL built by mingw-w64 those have hung
+// thread exits under Wine. Long reasons are cut at a character boundary.
+struct ThreadReason {
+    char text[1024];
+    std::size_t size;
+};
+thread_local ThreadReason lastReasonOnThread{};
 
 // Builds the line only when the channel would write it.
 template <typename MakeLine>
@@ -243,12 +251,21 @@ const std::string& PluginReference::getLastLoadFailureReason() const {
 
 namespace detail {
 
-const std::string& lastLoadFailureReasonOnThread() {
-    return lastReasonOnThread;
+std::string lastLoadFailureReasonOnThread() {
+    return std::string(lastReasonOnThread.text, lastReasonOnThread.size);
 }
 
 void setLastLoadFailureReasonOnThread(const std::string& reason) {
-    lastReasonOnThread = reason;
+    std::size_t size = std::min(reason.size(), sizeof lastReasonOnThread.text);
+    if (size < reason.size()) {
+        // Do not end inside a UTF-8 sequence: back off its continuation bytes
+        // and its lead byte.
+        while (size > 0 && (static_cast<unsigned char>(reason[size]) & 0xC0) == 0x80) {
+            --size;
+        }
+    }
+    reason.copy(lastReasonOnThread.text, size);
+    lastReasonOnThread.size = size;
 }
 
 }  // namespace detail
