@@ -268,7 +268,8 @@ void EventQueue::postEvent(IEvent* const event, const IMatchEventFcn* const matc
     }
 }
 
-void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
+// Marked as processEvent() is, which is inlined here.
+KESTREL_CATCHES_THREAD_END void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
     std::vector<IEvent*> flushed;
     // Counted under the lock once the flushed events are gone (declared
     // first, so that it outlives the guard, which counts the events it
@@ -351,7 +352,8 @@ inline void EventQueue::record(const Outcomes& outcomes) {
     }
 }
 
-void EventQueue::processEvents(std::size_t maxEvents) {
+// Marked as processEvent() is, which is inlined here.
+KESTREL_CATCHES_THREAD_END void EventQueue::processEvents(std::size_t maxEvents) {
     {
         detail::OpaqueGuard lock(_mutex->mutex);
         if (_processing) {
