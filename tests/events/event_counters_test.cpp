@@ -156,3 +156,37 @@ TEST(EventCountersTest, ReadingsWhileEventsFlowNeverShowAnEventLeavingBeforeItsP
     expectCounts(manager->getCounters(), 1, 1, 0, 0, 0);
     EventManager::destroyInstance();
 }
+
+TEST(EventCountersTest, TheQueueKeepsItsOrderWhileItsStorageWrapsAndGrows) {
+    Ledger l;
+    EventQueue q(nullptr, {});
+    // During the pass the head moves on while the executed first event
+    // appends 40 more: the storage wraps and grows with its head inside.
+    auto* first = new TestEvent(l, 0);
+    first->onExecute = [&] {
+        for (int key = 100; key < 140; ++key) {
+            q.postEvent(new TestEvent(l, key), nullptr, nullptr);
+        }
+        return true;
+    };
+    q.postEvent(first, nullptr, nullptr);
+    for (int key = 1; key < 10; ++key) {
+        q.postEvent(new TestEvent(l, key), nullptr, nullptr);
+    }
+    q.processEvents();
+    const KeyMatch match120(120);
+    q.postEvent(new TestEvent(l, 200), &match120, nullptr);  // takes 120's place
+    q.flushEvents(KeyMatch(130, kFlushed), false);
+    q.processEvents();
+    std::vector<int> expected;
+    for (int key = 0; key < 10; ++key) {
+        expected.push_back(key);
+    }
+    for (int key = 100; key < 140; ++key) {
+        if (key != 130) {
+            expected.push_back(key == 120 ? 200 : key);
+        }
+    }
+    EXPECT_EQ(l.trace(), expected);
+    expectCounts(q.getCounters(), 51, 49, 1, 1, 1);
+}
