@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -259,25 +258,118 @@ class KESTREL_API EventQueue {
     // constructor, or the constructing thread).
     bool isProcessingThread() const;
 
+    // What became of the events handed to a queue since it was made. Every
+    // event given to postEvent() (null ones aside) counts once in posted and,
+    // once it has left the queue, once in exactly one of executed, coalesced
+    // and discarded; so posted equals executed + coalesced + discarded + the
+    // events still queued or being served. flushed counts again those of the
+    // departed events that a flush removed.
+    struct Counters {
+        // Events given to postEvent(), whether appended, put in place of a
+        // queued event, or refused because a match or merge object threw.
+        std::uint64_t posted = 0;
+        // Events whose execute() was called by a pass or a servicing flush
+        // (also when it threw), counted once the call has returned.
+        std::uint64_t executed = 0;
+        // Queued events replaced by a coalescing post and destroyed.
+        std::uint64_t coalesced = 0;
+        // Events removed by flushEvents(), served or not.
+        std::uint64_t flushed = 0;
+        // Events destroyed without being executed, other than by coalescing:
+        // removed by a flush without service, found not executable by a pass
+        // or a servicing flush, refused by a post whose match or merge object
+        // threw, or still queued when the queue was destroyed.
+        std::uint64_t discarded = 0;
+    };
+    // The counts so far. Takes no lock: any thread may call it at any time,
+    // also from code that runs under the queue's lock. A reading taken while
+    // events flow may miss the latest changes, but never shows an event
+    // leaving the queue without its post: posted is at least executed +
+    // coalesced + discarded.
+    Counters getCounters() const;
+
   private:
-    // A double-ended array: appending and popping the head allocate nothing
-    // per event, and a coalescing post replaces an entry in place.
-    using EventList = std::deque<IEvent*>;
+    // The queued events in arrival order: a ring over one array, so that
+    // appending, popping the head and reading by position allocate nothing
+    // once the array has grown to the queue's longest length, and a
+    // coalescing post replaces an entry in place.
+    class EventList {
+      public:
+        EventList() = default;
+        EventList(const EventList&) = delete;
+        EventList& operator=(const EventList&) = delete;
+        ~EventList();
+
+        std::size_t size() const { return _size; }
+        bool empty() const { return _size == 0; }
+        // The event at position at (0: the head); at < size().
+        IEvent*& operator[](std::size_t at) { return _slots[(_head + at) & _mask]; }
+        IEvent* operator[](std::size_t at) const { return _slots[(_head + at) & _mask]; }
+        // Appends event; throws std::bad_alloc when the array cannot grow.
+        void push_back(IEvent* event);
+        // Unlinks and returns the head; the list must not be empty.
+        IEvent* pop_front();
+        // The position of event, or size() when it is not queued.
+        std::size_t find(const IEvent* event) const;
+        // Unlinks every event for which remove(event) is true, keeping the
+        // order of the others.
+        template <typename Predicate>
+        void removeIf(Predicate remove);
+
+      private:
+        void grow();
+
+        IEvent** _slots = nullptr;
+        std::size_t _mask = 0;  // capacity - 1; the capacity is a power of two (or 0)
+        std::size_t _head = 0;
+        std::size_t _size = 0;
+    };
     enum EventAction : std::int32_t { EVENT_POSTED = 1, EVENTS_PROCESSED = 2 };
+    // A count that only the holder of the queue's lock changes, and that any
+    // thread may read without it.
+    class Count {
+      public:
+        void add(std::uint64_t n) {
+            _value.store(_value.load(std::memory_order_relaxed) + n, std::memory_order_release);
+        }
+        std::uint64_t get() const { return _value.load(std::memory_order_acquire); }
+
+      private:
+        std::atomic<std::uint64_t> _value{0};
+    };
+    // What happens to one event of a pass or a servicing flush, counted in
+    // batches under the lock the queue takes anyway.
+    struct Outcomes {
+        std::uint64_t executed = 0;
+        std::uint64_t discarded = 0;
+    };
+    friend class EventThread;
 
     void processEvents(std::size_t maxEvents);
-    IEvent* popEvent();
-    EventList::iterator getMatchingEvent(const IMatchEventFcn& match);
+    // Records outcomes (and clears it) under the same lock.
+    IEvent* popEvent(Outcomes& outcomes);
+    std::size_t getMatchingEvent(const IMatchEventFcn& match);
     void notifyIfEventsToProcess(EventAction action);
-    void processEvent(std::unique_ptr<IEvent>& event);
+    // Counts the event in outcomes as executed or discarded.
+    void processEvent(std::unique_ptr<IEvent>& event, Outcomes& outcomes);
     std::size_t getEventCount() const;
     EventList& getEventList();
+    // Adds outcomes to the counts; the caller holds the lock.
+    void record(const Outcomes& outcomes);
+    // Destroys the queued events unexecuted (counted in discarded).
+    void discardQueued();
 
     std::unique_ptr<detail::OpaqueMutex> _mutex;
     EventList _events;  // guarded by _mutex
     std::unique_ptr<const IEventQueueHandler> _handler;
     bool _processing;  // guarded by _mutex
     std::function<bool()> _isProcessingThread;
+    // Changed under _mutex, read by getCounters() without it.
+    Count _posted;
+    Count _executed;
+    Count _coalesced;
+    Count _flushed;
+    Count _discarded;
 };
 
 // The process-wide event queue of one thread, the one that creates it. Other
@@ -313,6 +405,8 @@ class KESTREL_API EventManager {
     void processEvents();
     // True on the thread that created the manager.
     bool isProcessingThread() const;
+    // The counts of the manager's queue, as EventQueue::getCounters().
+    EventQueue::Counters getCounters() const;
 
   private:
     EventManager(const EventQueue::IEventQueueHandler* const handler);
@@ -374,6 +468,17 @@ class KESTREL_API EventThread : protected WorkThread {
     // unexecuted on the calling thread; does nothing unless running.
     void flushEvents(const IMatchEventFcn& match);
 
+    // The counts of EventQueue::Counters over every run of the thread: the
+    // queue of each run (its events still queued at the stop count as
+    // discarded), plus the posts made while the thread was not running,
+    // which count as posted and discarded.
+    using Counters = EventQueue::Counters;
+    // The counts so far. Any thread may call it, also code that runs under
+    // the queue's lock; it waits only while the thread creates or destroys
+    // its queue (so not from an event's destructor that waits for a thread
+    // calling it).
+    Counters getCounters() const;
+
   private:
     class EventQueueHandler;
 
@@ -401,6 +506,10 @@ class KESTREL_API EventThread : protected WorkThread {
     // thread that made the call which notified gives it once it has left the
     // queue's lock.
     std::atomic<bool> _wakePending;
+    // The counts of the queues of earlier runs; guarded by _mutex.
+    Counters _pastCounters;
+    // Posts refused because the thread was not running.
+    std::atomic<std::uint64_t> _refused;
 };
 
 // A read cursor over a container that holds the container owner's lock for

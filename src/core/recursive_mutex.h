@@ -7,6 +7,8 @@
 #include <mutex>
 #include <thread>
 
+#include "core/thread_annotations.h"
+
 namespace kestrel {
 namespace detail {
 
@@ -27,13 +29,13 @@ namespace detail {
 // clears it (before unlocking), so a thread that reads its own identifier
 // there holds the mutex, and one that reads anything else does not, however
 // stale the value it reads. _depth is touched only by the owner.
-class RecursiveMutex {
+class KESTREL_CAPABILITY("mutex") RecursiveMutex {
   public:
     RecursiveMutex() = default;
     RecursiveMutex(const RecursiveMutex&) = delete;
     RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
-    void lock() {
+    void lock() KESTREL_ACQUIRE() {
         const std::thread::id self = std::this_thread::get_id();
         if (_owner.load(std::memory_order_relaxed) == self) {
             ++_depth;
@@ -44,7 +46,7 @@ class RecursiveMutex {
         }
         take(self);
     }
-    bool try_lock() {
+    bool try_lock() KESTREL_TRY_ACQUIRE(true) {
         const std::thread::id self = std::this_thread::get_id();
         if (_owner.load(std::memory_order_relaxed) == self) {
             ++_depth;
@@ -56,7 +58,7 @@ class RecursiveMutex {
         take(self);
         return true;
     }
-    void unlock() {
+    void unlock() KESTREL_RELEASE() {
         if (--_depth != 0) {
             return;
         }

@@ -15,7 +15,8 @@ namespace kestrel {
 // and unlinked and released when the last enumerator goes.
 EventInfoLog::EventInfoLog(int maxToLog)
     : _mutex(std::make_unique<detail::OpaqueMutex>()), _maxToLog(0) {
-    _mutex->lastEnumeratorGone = [this] {
+    // Called by the last enumerator's lock, which still holds the mutex.
+    _mutex->lastEnumeratorGone = [this]() KESTREL_REQUIRES(_mutex->mutex) {
         // A record's destructor may use the log again, even make and drop an
         // enumerator: each entry is unlinked before its record is released.
         while (_mutex->enumerators == 0 && _mutex->dropped > 0 && !_log.empty()) {

@@ -107,4 +107,8 @@ bool EventManager::isProcessingThread() const {
     return _eventQueue->isProcessingThread();
 }
 
+EventQueue::Counters EventManager::getCounters() const {
+    return _eventQueue->getCounters();
+}
+
 }  // namespace kestrel

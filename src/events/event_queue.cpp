@@ -13,17 +13,91 @@
 
 namespace kestrel {
 
+// ---- the ring of queued events ----
+
 namespace {
 
-// Destroys, unexecuted, the events still in a list when it goes out of scope:
-// the events a flush moved aside when a match object threw, or was cut short.
+// The array of a queue that has emptied is given back above this many
+// entries (512 KiB), so that a rare long burst does not pin its memory for
+// the queue's life, while the usual bursts reuse it.
+constexpr std::size_t kKeptCapacity = 65536;
+constexpr std::size_t kFirstCapacity = 16;
+
+}  // namespace
+
+EventQueue::EventList::~EventList() {
+    delete[] _slots;
+}
+
+inline void EventQueue::EventList::push_back(IEvent* event) {
+    if (_slots == nullptr || _size > _mask) {
+        grow();
+    }
+    _slots[(_head + _size) & _mask] = event;
+    ++_size;
+}
+
+inline IEvent* EventQueue::EventList::pop_front() {
+    IEvent* const event = _slots[_head];
+    _head = (_head + 1) & _mask;
+    if (--_size == 0) {
+        _head = 0;
+        if (_mask >= kKeptCapacity) {
+            delete[] _slots;
+            _slots = nullptr;
+            _mask = 0;
+        }
+    }
+    return event;
+}
+
+inline std::size_t EventQueue::EventList::find(const IEvent* event) const {
+    for (std::size_t at = 0; at < _size; ++at) {
+        if ((*this)[at] == event) {
+            return at;
+        }
+    }
+    return _size;
+}
+
+template <typename Predicate>
+void EventQueue::EventList::removeIf(Predicate remove) {
+    std::size_t kept = 0;
+    for (std::size_t at = 0; at < _size; ++at) {
+        IEvent* const event = (*this)[at];
+        if (!remove(event)) {
+            (*this)[kept++] = event;
+        }
+    }
+    _size = kept;
+}
+
+void EventQueue::EventList::grow() {
+    const std::size_t capacity = _slots == nullptr ? kFirstCapacity : (_mask + 1) * 2;
+    IEvent** const slots = new IEvent*[capacity];
+    for (std::size_t at = 0; at < _size; ++at) {
+        slots[at] = (*this)[at];
+    }
+    delete[] _slots;
+    _slots = slots;
+    _mask = capacity - 1;
+    _head = 0;
+}
+
+namespace {
+
+// Destroys, unexecuted, the events still in a list when it goes out of scope
+// (the events a flush moved aside, when a match object threw or the serving
+// was cut short), counting them in discarded.
 class EventListGuard {
   public:
-    explicit EventListGuard(std::vector<IEvent*>& events) : _events(events) {}
+    EventListGuard(std::vector<IEvent*>& events, std::uint64_t& discarded)
+        : _events(events), _discarded(discarded) {}
     EventListGuard(const EventListGuard&) = delete;
     EventListGuard& operator=(const EventListGuard&) = delete;
     ~EventListGuard() {
         for (std::size_t i = _next; i < _events.size(); ++i) {
+            ++_discarded;
             std::unique_ptr<IEvent> event(_events[i]);
         }
     }
@@ -33,6 +107,7 @@ class EventListGuard {
 
   private:
     std::vector<IEvent*>& _events;
+    std::uint64_t& _discarded;
     std::size_t _next = 0;
 };
 
@@ -46,12 +121,12 @@ bool findAgain(const List& events, const IEvent* event, std::size_t& at) {
     if (at < events.size() && events[at] == event) {
         return true;
     }
-    const auto found = std::find(events.begin(), events.end(), event);
-    if (found == events.end()) {
+    const std::size_t found = events.find(event);
+    if (found == events.size()) {
         at = std::min(at, events.size());
         return false;
     }
-    at = static_cast<std::size_t>(found - events.begin());
+    at = found;
     return true;
 }
 
@@ -82,21 +157,18 @@ void askQueued(const List& events, const IMatchEventFcn& match, OnAccepted onAcc
 template <typename List>
 void unlinkAccepted(List& events, std::vector<IEvent*>& accepted) {
     std::size_t next = 0;
-    for (const IEvent* event : events) {
-        if (next < accepted.size() && event == accepted[next]) {
+    for (std::size_t at = 0; at < events.size(); ++at) {
+        if (next < accepted.size() && events[at] == accepted[next]) {
             ++next;
         }
     }
     if (next == accepted.size()) {  // the usual case: all still queued, in order
         next = 0;
-        events.erase(std::remove_if(events.begin(), events.end(),
-                                    [&](const IEvent* event) {
-                                        const bool hit =
-                                            next < accepted.size() && event == accepted[next];
-                                        next += hit ? 1 : 0;
-                                        return hit;
-                                    }),
-                     events.end());
+        events.removeIf([&](const IEvent* event) {
+            const bool hit = next < accepted.size() && event == accepted[next];
+            next += hit ? 1 : 0;
+            return hit;
+        });
         return;
     }
     // Sorted for the look-ups, then refilled (without growing) with the
@@ -111,15 +183,13 @@ void unlinkAccepted(List& events, std::vector<IEvent*>& accepted) {
         throw;
     }
     accepted.clear();
-    events.erase(std::remove_if(events.begin(), events.end(),
-                                [&](IEvent* event) {
-                                    if (!std::binary_search(chosen.begin(), chosen.end(), event)) {
-                                        return false;
-                                    }
-                                    accepted.push_back(event);
-                                    return true;
-                                }),
-                 events.end());
+    events.removeIf([&](IEvent* event) {
+        if (!std::binary_search(chosen.begin(), chosen.end(), event)) {
+            return false;
+        }
+        accepted.push_back(event);
+        return true;
+    });
 }
 
 }  // namespace
@@ -139,15 +209,18 @@ EventQueue::EventQueue(const IEventQueueHandler* const handler,
 }
 
 EventQueue::~EventQueue() {
-    {
-        detail::OpaqueGuard lock(_mutex->mutex);
-        while (!_events.empty()) {
-            std::unique_ptr<IEvent> event(_events.front());
-            _events.pop_front();
-        }
-    }
+    discardQueued();
     _isProcessingThread = nullptr;
     _handler.reset();
+}
+
+void EventQueue::discardQueued() {
+    detail::OpaqueGuard lock(_mutex->mutex);
+    // Their destructors run under the lock and may post again: those go too.
+    while (!_events.empty()) {
+        std::unique_ptr<IEvent> event(_events.pop_front());
+        _discarded.add(1);
+    }
 }
 
 void EventQueue::postEvent(IEvent* const event, const IMatchEventFcn* const match,
@@ -159,34 +232,59 @@ void EventQueue::postEvent(IEvent* const event, const IMatchEventFcn* const matc
     // an event refused by a throwing match or merge is destroyed unlocked.
     std::unique_ptr<IEvent> owned(event);
     detail::OpaqueGuard lock(_mutex->mutex);
-    const EventList::iterator matched = match != nullptr ? getMatchingEvent(*match) : _events.end();
-    if (matched != _events.end()) {
-        IEvent* const queued = *matched;
-        std::size_t at = static_cast<std::size_t>(matched - _events.begin());
-        IEventInfo* const newInfo = owned->getEventInfo();
-        IEventInfo* const queuedInfo = queued->getEventInfo();
-        if (merge != nullptr && newInfo != nullptr && queuedInfo != nullptr) {
-            (*merge)(newInfo, queuedInfo);
+    _posted.add(1);
+    try {
+        const std::size_t matched = match != nullptr ? getMatchingEvent(*match) : _events.size();
+        if (matched < _events.size()) {
+            IEvent* const queued = _events[matched];
+            std::size_t at = matched;
+            IEventInfo* const newInfo = owned->getEventInfo();
+            IEventInfo* const queuedInfo = queued->getEventInfo();
+            if (merge != nullptr && newInfo != nullptr && queuedInfo != nullptr) {
+                (*merge)(newInfo, queuedInfo);
+            }
+            // The merge may have re-entered the queue; should it have removed
+            // the matched event, there is nothing left to replace and the new
+            // event is appended.
+            if (findAgain(_events, queued, at)) {
+                _events[at] = owned.release();
+                _coalesced.add(1);
+                // Destroyed under the lock, with the list already whole: its
+                // destructor may use the queue.
+                const std::unique_ptr<IEvent> replaced(queued);
+                return;
+            }
         }
-        // The merge may have re-entered the queue; should it have removed the
-        // matched event, there is nothing left to replace and the new event
-        // is appended.
-        if (findAgain(_events, queued, at)) {
-            _events[at] = owned.release();
-            // Destroyed under the lock, with the list already whole: its
-            // destructor may use the queue.
-            const std::unique_ptr<IEvent> replaced(queued);
-            return;
-        }
+        _events.push_back(owned.get());
+    } catch (...) {
+        _discarded.add(1);  // owned goes once the lock is released
+        throw;
     }
-    _events.push_back(owned.get());
     owned.release();
-    notifyIfEventsToProcess(EVENT_POSTED);
+    // The notification rule for EVENT_POSTED, tested here so that the usual
+    // post (to a queue that is not empty, or during a pass) makes no call.
+    if (_events.size() == 1 && !_processing) {
+        notifyIfEventsToProcess(EVENT_POSTED);
+    }
 }
 
-void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
+// Marked as processEvent() is, which is inlined here.
+KESTREL_CATCHES_THREAD_END void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
     std::vector<IEvent*> flushed;
-    EventListGuard guard(flushed);
+    // Counted under the lock once the flushed events are gone (declared
+    // first, so that it outlives the guard, which counts the events it
+    // destroys).
+    struct FlushEnd {
+        EventQueue& queue;
+        Outcomes outcomes;
+        ~FlushEnd() {
+            if (outcomes.executed != 0 || outcomes.discarded != 0) {
+                detail::OpaqueGuard lock(queue._mutex->mutex);
+                queue.record(outcomes);
+            }
+        }
+    } flushEnd{*this, Outcomes()};
+    EventListGuard guard(flushed, flushEnd.outcomes.discarded);
     {
         detail::OpaqueGuard lock(_mutex->mutex);
         // match is asked about every event first, with the list left whole
@@ -201,14 +299,18 @@ void EventQueue::flushEvents(const IMatchEventFcn& match, bool service) {
             });
         } catch (...) {
             unlinkAccepted(_events, flushed);
+            _flushed.add(flushed.size());
             throw;
         }
         unlinkAccepted(_events, flushed);
+        _flushed.add(flushed.size());
     }
     while (IEvent* const next = guard.take()) {
         std::unique_ptr<IEvent> event(next);
         if (service) {
-            processEvent(event);
+            processEvent(event, flushEnd.outcomes);
+        } else {
+            ++flushEnd.outcomes.discarded;
         }
     }
 }
@@ -229,7 +331,29 @@ bool EventQueue::isProcessingThread() const {
     return _isProcessingThread();
 }
 
-void EventQueue::processEvents(std::size_t maxEvents) {
+EventQueue::Counters EventQueue::getCounters() const {
+    // The outcomes first: each was counted after its event's post, so posted,
+    // read last, covers them all.
+    Counters counters;
+    counters.executed = _executed.get();
+    counters.coalesced = _coalesced.get();
+    counters.discarded = _discarded.get();
+    counters.flushed = _flushed.get();
+    counters.posted = _posted.get();
+    return counters;
+}
+
+inline void EventQueue::record(const Outcomes& outcomes) {
+    if (outcomes.executed != 0) {
+        _executed.add(outcomes.executed);
+    }
+    if (outcomes.discarded != 0) {
+        _discarded.add(outcomes.discarded);
+    }
+}
+
+// Marked as processEvent() is, which is inlined here.
+KESTREL_CATCHES_THREAD_END void EventQueue::processEvents(std::size_t maxEvents) {
     {
         detail::OpaqueGuard lock(_mutex->mutex);
         if (_processing) {
@@ -241,59 +365,63 @@ void EventQueue::processEvents(std::size_t maxEvents) {
         }
     }
     // Ends the pass even if something below throws (in practice only the
-    // handler's notification can).
+    // handler's notification can) or ends the thread. outcomes holds what the
+    // served events came to since the last lock; each lock records it.
     struct PassEnd {
         EventQueue& queue;
+        Outcomes outcomes;
         bool done;
         ~PassEnd() {
             if (!done) {
                 detail::OpaqueGuard lock(queue._mutex->mutex);
+                queue.record(outcomes);
                 queue._processing = false;
             }
         }
-    } passEnd{*this, false};
+    } passEnd{*this, Outcomes(), false};
 
     // popEvent() reads the count and takes the head under one lock: null
     // when the queue is empty (also when another thread flushed it meanwhile).
     for (std::size_t served = 0; served < maxEvents; ++served) {
-        std::unique_ptr<IEvent> event(popEvent());
+        std::unique_ptr<IEvent> event(popEvent(passEnd.outcomes));
         if (!event) {
             break;
         }
-        processEvent(event);
+        processEvent(event, passEnd.outcomes);
     }
     // Notifying and leaving the pass under one lock: an event posted right
     // after the pass ends sees _processing false and notifies by itself.
     detail::OpaqueGuard lock(_mutex->mutex);
+    record(passEnd.outcomes);
+    passEnd.outcomes = Outcomes();
     notifyIfEventsToProcess(EVENTS_PROCESSED);
     _processing = false;
     passEnd.done = true;
 }
 
-IEvent* EventQueue::popEvent() {
+inline IEvent* EventQueue::popEvent(Outcomes& outcomes) {
     detail::OpaqueGuard lock(_mutex->mutex);
+    record(outcomes);
+    outcomes = Outcomes();
     if (_events.empty()) {
         return nullptr;
     }
-    IEvent* const event = _events.front();
-    _events.pop_front();
-    return event;
+    return _events.pop_front();
 }
 
-EventQueue::EventList::iterator EventQueue::getMatchingEvent(const IMatchEventFcn& match) {
-    // The first accepted event; the result is valid until the next change of
-    // the list.
-    // An index, not an iterator: match may change the list while it is asked.
+inline std::size_t EventQueue::getMatchingEvent(const IMatchEventFcn& match) {
+    // The index of the first accepted event, or size() when none is; valid
+    // until the next change of the list. An index, not a reference: match may
+    // change the list while it is asked.
     std::size_t found = _events.size();
     askQueued(_events, match, [&](std::size_t at) {
         found = at;
         return true;
     });
-    return found < _events.size() ? _events.begin() + static_cast<std::ptrdiff_t>(found)
-                                  : _events.end();
+    return found < _events.size() ? found : _events.size();
 }
 
-void EventQueue::notifyIfEventsToProcess(EventAction action) {
+inline void EventQueue::notifyIfEventsToProcess(EventAction action) {
     const std::size_t count = _events.size();
     const bool notify = action == EVENTS_PROCESSED ? count > 0 : (count == 1 && !_processing);
     if (notify && _handler) {
@@ -301,9 +429,13 @@ void EventQueue::notifyIfEventsToProcess(EventAction action) {
     }
 }
 
-KESTREL_CATCHES_THREAD_END void EventQueue::processEvent(std::unique_ptr<IEvent>& event) {
+KESTREL_CATCHES_THREAD_END inline void EventQueue::processEvent(std::unique_ptr<IEvent>& event,
+                                                                Outcomes& outcomes) {
+    ++outcomes.discarded;  // until it turns out to be executable
     try {
         if (event->isExecutable()) {
+            --outcomes.discarded;
+            ++outcomes.executed;
             event->execute();
         }
     }

@@ -60,6 +60,15 @@ void awaitPostsInProgress(std::atomic<int>& posting) {
     }
 }
 
+EventQueue::Counters addCounters(EventQueue::Counters sum, const EventQueue::Counters& more) {
+    sum.posted += more.posted;
+    sum.executed += more.executed;
+    sum.coalesced += more.coalesced;
+    sum.flushed += more.flushed;
+    sum.discarded += more.discarded;
+    return sum;
+}
+
 }  // namespace
 
 // Brackets a post or flush from any thread: counts it in _posting, so that
@@ -95,7 +104,8 @@ EventThread::EventThread(StopProcessingMode mode)
       _mutex(std::make_unique<detail::OpaqueMutex>()),
       _wakeEvent(false, false),
       _posting(0),
-      _wakePending(false) {}
+      _wakePending(false),
+      _refused(0) {}
 
 EventThread::~EventThread() {
     stop();
@@ -123,8 +133,13 @@ void EventThread::postEvent(IEvent* const event, const IMatchEventFcn* const mat
     // Declared first: a refused event is destroyed once the post is over.
     std::unique_ptr<IEvent> owned(event);
     const PostInProgress post(*this);
-    if (owned && getState() == RUNNING && _eventQueue) {
+    if (!owned) {
+        return;
+    }
+    if (getState() == RUNNING && _eventQueue) {
         _eventQueue->postEvent(owned.release(), match, merge);
+    } else {
+        _refused.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -143,6 +158,10 @@ void EventThread::starting() {
     _posting.fetch_and(~kDrainWaiter, std::memory_order_relaxed);
     auto queue = std::make_unique<EventQueue>(new EventQueueHandler(&_wakeEvent, &_wakePending),
                                               std::function<bool()>());
+    if (_eventQueue) {  // left by a run whose thread ended inside a hook
+        _eventQueue->discardQueued();
+        _pastCounters = addCounters(_pastCounters, _eventQueue->getCounters());
+    }
     previous = std::exchange(_eventQueue, std::move(queue));
 }
 
@@ -172,7 +191,26 @@ void EventThread::stopping() {
     // before the queue goes; those that start now refuse.
     awaitPostsInProgress(_posting);
     detail::OpaqueGuard lock(_mutex->mutex);
-    _eventQueue.reset();
+    if (_eventQueue) {
+        // The queue's counts outlive it: its remaining events are counted
+        // before they are taken over.
+        _eventQueue->discardQueued();
+        _pastCounters = addCounters(_pastCounters, _eventQueue->getCounters());
+        _eventQueue.reset();
+    }
+}
+
+EventThread::Counters EventThread::getCounters() const {
+    // The refusals first: a count read later is never behind them.
+    const std::uint64_t refused = _refused.load(std::memory_order_relaxed);
+    detail::OpaqueGuard lock(_mutex->mutex);
+    Counters counters = _pastCounters;
+    if (_eventQueue) {
+        counters = addCounters(counters, _eventQueue->getCounters());
+    }
+    counters.posted += refused;
+    counters.discarded += refused;
+    return counters;
 }
 
 EventQueue* EventThread::getEventQueue() const {

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "core/recursive_mutex.h"
+#include "core/thread_annotations.h"
 #include "kestrel/events.h"
 
 namespace kestrel {
@@ -16,20 +17,22 @@ class OpaqueMutex {
     RecursiveMutex mutex;
     // The OpaqueLocks (the locks of TLockingEnumerators) that hold the mutex
     // now; they all belong to the thread that holds it.
-    std::size_t enumerators = 0;
+    std::size_t enumerators KESTREL_GUARDED_BY(mutex) = 0;
     // Called, with the mutex still held, when the last of them goes.
-    std::function<void()> lastEnumeratorGone;
+    std::function<void()> lastEnumeratorGone KESTREL_GUARDED_BY(mutex);
     // The entries at the head of the owner's list that it has dropped while
     // enumerators exist: they stay in the list, and alive, until the last
     // enumerator goes, since an enumerator may stand on any of them.
-    std::size_t dropped = 0;
+    std::size_t dropped KESTREL_GUARDED_BY(mutex) = 0;
 };
 
 // Holds the mutex for a scope.
-class OpaqueGuard {
+class KESTREL_SCOPED_CAPABILITY OpaqueGuard {
   public:
-    explicit OpaqueGuard(RecursiveMutex& mutex) : _mutex(mutex) { _mutex.lock(); }
-    ~OpaqueGuard() { _mutex.unlock(); }
+    explicit OpaqueGuard(RecursiveMutex& mutex) KESTREL_ACQUIRE(mutex) : _mutex(mutex) {
+        _mutex.lock();
+    }
+    ~OpaqueGuard() KESTREL_RELEASE() { _mutex.unlock(); }
     OpaqueGuard(const OpaqueGuard&) = delete;
     OpaqueGuard& operator=(const OpaqueGuard&) = delete;
 

@@ -98,9 +98,17 @@ void TimerThread::starting() {
 }
 
 void TimerThread::running() {
-    const double period = getPeriod();
-    const Timestamp passStart;
-    const Timestamp next = _mode == FIXED_DELAY ? passStart + period : getExecutionTime() + period;
+    // The period and the last scheduled time under one lock, and the pass's
+    // start read only where the mode needs it (a fixed rate does not): one
+    // lock round trip and one clock reading less per tick.
+    double period = 0.0;
+    Timestamp last(0.0);
+    {
+        const Lock lock(*_mutex);
+        period = _period;
+        last = _executionTime;
+    }
+    const Timestamp next = _mode == FIXED_DELAY ? Timestamp() + period : last + period;
     double delay = next - Timestamp();
     delay = delay < 0.0 ? 0.0 : delay + kDueMargin;
     // One sleep to the due time, which the precise waits asked for in
@@ -108,8 +116,13 @@ void TimerThread::running() {
     if (!wait(delay)) {
         return;  // stop requested
     }
-    setExecutionTime(next);
-    incrementExecutions();
+    {
+        // Recorded together, so that a reader never sees the new time with
+        // the old count.
+        const Lock lock(*_mutex);
+        _executionTime = next;
+        ++_executions;
+    }
     executing();
 }
 
