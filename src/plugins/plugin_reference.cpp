@@ -200,13 +200,7 @@ void PluginReference::load(const ustring& pluginPath, const std::string& pluginE
     // However the load ends, this thread's reason follows the reference's.
     struct PublishReason {
         const std::string& reason;
-        ~PublishReason() {
-            try {
-                lastReasonOnThread = reason;
-            } catch (...) {
-                lastReasonOnThread.clear();  // out of memory: no stale reason at least
-            }
-        }
+        ~PublishReason() { detail::setLastLoadFailureReasonOnThread(reason); }
     } const publish{_lastLoadFailureReason};
 
     ustring filePath = pluginPath;
