@@ -95,7 +95,9 @@ EventThread::EventThread(StopProcessingMode mode)
       _mutex(std::make_unique<detail::OpaqueMutex>()),
       _wakeEvent(false, false),
       _posting(0),
-      _wakePending(false) {}
+      _wakePending(false) {
+    setThreadName("kestrel-event");
+}
 
 EventThread::~EventThread() {
     stop();

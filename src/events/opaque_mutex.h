@@ -26,10 +26,12 @@ class OpaqueMutex {
 };
 
 // Holds the mutex for a scope.
-class OpaqueGuard {
+class KESTREL_SCOPED_CAPABILITY OpaqueGuard {
   public:
-    explicit OpaqueGuard(RecursiveMutex& mutex) : _mutex(mutex) { _mutex.lock(); }
-    ~OpaqueGuard() { _mutex.unlock(); }
+    explicit OpaqueGuard(RecursiveMutex& mutex) KESTREL_ACQUIRE(mutex) : _mutex(mutex) {
+        _mutex.lock();
+    }
+    ~OpaqueGuard() KESTREL_RELEASE() { _mutex.unlock(); }
     OpaqueGuard(const OpaqueGuard&) = delete;
     OpaqueGuard& operator=(const OpaqueGuard&) = delete;
 
