@@ -55,14 +55,14 @@ std::optional<std::string> currentThreadName() {
 #endif
 }
 
-// What the system keeps of name.
-std::string kept(const std::string& full, const std::string& linux) {
+// What the system keeps of a name: all of it, or the cut Linux makes.
+std::string kept(const std::string& full, const std::string& cutForLinux) {
 #if defined(_WIN32)
-    static_cast<void>(linux);
+    static_cast<void>(cutForLinux);
     return full;
 #else
     static_cast<void>(full);
-    return linux;
+    return cutForLinux;
 #endif
 }
 
