@@ -50,7 +50,8 @@ docs:
 	@echo "API documentation: build/docs/html/index.html"
 
 # ---- Reliability: sanitizers, fuzzing, memcheck --------------------------
-# check: the unit tests as built for development, then under ASan+UBSan
+# check: the unit tests as built for development, then built with Clang
+# (whose lock annotations -Wthread-safety checks), then under ASan+UBSan
 # (leaks detected) and TSan, then every fuzz target for FUZZ_SECONDS, then
 # every benchmark once at a token size (bench-smoke).
 # memcheck: the development build's tests under valgrind memcheck, except
@@ -69,6 +70,7 @@ MEMCHECK_OPTIONS ?= --error-exitcode=1 --leak-check=full --errors-for-leak-kinds
 check:
 	@scripts/install-deps check
 	$(MAKE) test PRESET=dev
+	$(MAKE) test PRESET=clang
 	$(MAKE) test PRESET=asan
 	$(MAKE) test PRESET=tsan
 	$(MAKE) fuzz

@@ -13,6 +13,8 @@
 #include <mutex>
 #include <string>
 
+#include "core/annotated_mutex.h"
+
 namespace foundation {
 namespace log {
 
@@ -25,7 +27,7 @@ using MaskCell = std::atomic<unsigned int>;
 class MaskRegistry {
   public:
     std::shared_ptr<MaskCell> cell(const std::string& channel) {
-        std::lock_guard<std::mutex> guard(_lock);
+        const kestrel::detail::ScopedLock<kestrel::detail::Mutex> guard(_lock);
         std::shared_ptr<MaskCell>& slot = _cells[channel];
         if (!slot) {
             slot = std::make_shared<MaskCell>(default_severity_mask);
@@ -34,8 +36,8 @@ class MaskRegistry {
     }
 
   private:
-    std::mutex _lock;
-    std::map<std::string, std::shared_ptr<MaskCell>> _cells;  // guarded by _lock
+    kestrel::detail::Mutex _lock;
+    std::map<std::string, std::shared_ptr<MaskCell>> _cells KESTREL_GUARDED_BY(_lock);
 };
 
 MaskRegistry& registry() {
@@ -141,9 +143,9 @@ struct basic_diagnostic_logger<char>::impl {
     const std::shared_ptr<MaskCell> mask;
     // The channel's exclusive lock: the source keeps per-thread severity and
     // its attributes in state that is not synchronised itself.
-    std::mutex lock;
-    boost::log::sources::severity_channel_logger<unsigned int, std::string>
-        source;  // guarded by lock
+    kestrel::detail::Mutex lock;
+    boost::log::sources::severity_channel_logger<unsigned int, std::string> source
+        KESTREL_GUARDED_BY(lock);
 };
 
 basic_diagnostic_logger<char>::basic_diagnostic_logger(const std::string& channel)
@@ -168,7 +170,7 @@ void basic_diagnostic_logger<char>::write(unsigned int severity, const std::stri
     }
     boost::log::record record;
     {
-        std::lock_guard<std::mutex> guard(_impl->lock);
+        const kestrel::detail::ScopedLock<kestrel::detail::Mutex> guard(_impl->lock);
         record = _impl->source.open_record(boost::log::keywords::severity = severity);
     }
     if (!record) {

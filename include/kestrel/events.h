@@ -377,7 +377,9 @@ class KESTREL_API EventQueue {
 // creator then calls processEvents() on its own thread.
 //
 // Thread safety: createInstance() and destroyInstance() run on one thread
-//   while no other thread uses the manager. postEvent(), flushEvents() and
+//   while no other thread uses the manager; a call of either on another thread
+//   than the processing thread of an existing instance is checked in debug
+//   builds (see kestrel/threads.h). postEvent(), flushEvents() and
 //   isProcessingThread() may be called from any thread while it exists;
 //   processEvents() belongs to the processing thread.
 // Lifetime: exists from createInstance() to destroyInstance(); nothing
@@ -433,9 +435,10 @@ class KESTREL_API EventManager {
 // merge objects and the destructors of replaced or flushed events therefore
 // must not wait for this thread.
 //
-// Thread safety: start(), stop() and destruction belong to one owner thread
-//   (never the event thread); postEvent(), flushEvents() and isRunning() may be
-//   called from any thread, also from events executing on this thread.
+// Thread safety: start(), stop(), setThreadName() and destruction belong to
+//   one owner thread (never the event thread; stop() there is checked in debug
+//   builds); postEvent(), flushEvents() and isRunning() may be called from any
+//   thread, also from events executing on this thread.
 // Lifetime: the destructor stops the thread, honouring the stop mode, and
 //   destroys what is left. Not copyable.
 // Errors: start() returns false when no thread can be created; exceptions from
@@ -459,6 +462,10 @@ class KESTREL_API EventThread : protected WorkThread {
     bool stop();
     // True while the thread runs and accepts posts.
     bool isRunning() const;
+    // The name of the event thread (see Thread in kestrel/threads.h);
+    // "kestrel-event" by default.
+    using WorkThread::getThreadName;
+    using WorkThread::setThreadName;
 
     // Queues event, coalescing as EventQueue::postEvent() does, when the
     // thread is running; otherwise destroys it unexecuted.

@@ -13,6 +13,15 @@
 #define KESTREL_API __attribute__((visibility("default")))
 #endif
 
+// KESTREL_GUARDED_MEMBER(lock) marks a private member that lock guards, for
+// Clang's thread-safety analysis of the library's own build (-Wthread-safety);
+// it is empty for every other compiler and for the library's users.
+#if defined(__clang__) && defined(KESTREL_BUILDING_LIBRARY)
+#define KESTREL_GUARDED_MEMBER(lock) __attribute__((guarded_by(lock)))
+#else
+#define KESTREL_GUARDED_MEMBER(lock)
+#endif
+
 // KESTREL_PRINTF_FORMAT(f, a) lets the compiler check printf-style calls:
 // f is the 1-based position of the format parameter (counting `this` for
 // members), a that of the first variadic argument, or 0 for a va_list.

@@ -3,6 +3,12 @@
 // owner stops it, and cleans up (stopping); derive from TimerThread for a
 // periodic action. An Event is a flag that threads wait on; to hand data
 // across threads, post an event to an EventThread instead.
+//
+// Rules marked "checked in debug builds" below are tested by builds without
+// NDEBUG (or configured with KESTREL_CONTRACT_CHECKS=ON): a caller that
+// breaks one gets a line on the standard error stream that says what was done
+// wrong and where the rule is documented, and the process aborts. Other
+// builds do not test them; breaking them there is undefined.
 #pragma once
 
 #include <atomic>
@@ -10,6 +16,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <string>
 
 // The identifier type of Thread::getID() is the threading library's own.
 #include <boost/thread/thread_only.hpp>
@@ -29,10 +36,22 @@ class WorkThread;
 // it was created with; a refusal by the system is ignored and the thread then
 // keeps its priority.
 //
-// Thread safety: start(), join() and isActive() belong to one controlling
-//   thread and take no lock; the static helpers may be called from any thread.
+// Each thread carries a name that debuggers, profilers and system tools (top
+// -H, ps, the Windows debuggers) show: "kestrel-thread" unless changed with
+// setThreadName(); WorkThread, TimerThread and EventThread start with
+// "kestrel-work", "kestrel-timer" and "kestrel-event". The name is UTF-8 text;
+// the new thread gives it to itself as it starts. Linux keeps 15 bytes of it,
+// so a longer name is cut there, at a character boundary; Windows keeps the
+// whole name, where the system offers thread names (Windows 10 1607 and
+// later; elsewhere the name is not shown).
+//
+// Thread safety: start(), join(), isActive(), setThreadName() and
+//   getThreadName() belong to one controlling thread and take no lock; the
+//   static helpers may be called from any thread. join() on the thread itself
+//   is checked in debug builds.
 // Lifetime: the destructor neither stops nor joins; join() before destroying
-//   an object whose thread was started. Not copyable.
+//   an object whose thread was started (checked in debug builds). Not
+//   copyable.
 // Errors: start() returns false when no thread can be created; exceptions that
 //   leave run() are caught on the new thread and never reported.
 class KESTREL_API Thread {
@@ -62,6 +81,12 @@ class KESTREL_API Thread {
     void join();
     // True from a successful start() until join(), also after run() returned.
     bool isActive() const;
+
+    // The name that the next start() gives its thread; a thread that runs
+    // keeps the name it started with. An empty name leaves the thread with
+    // the name the system gives it (on Linux, that of the starting thread).
+    void setThreadName(const std::string& name);
+    std::string getThreadName() const;
 
     // The number of hardware threads, 0 when unknown.
     static std::size_t getNumCores();
@@ -131,7 +156,7 @@ class KESTREL_API Event {
     std::unique_ptr<Condition> _condition;
     const bool _manualReset;
     // Read and written under _mutex.
-    std::atomic<bool> _signalled;
+    std::atomic<bool> _signalled KESTREL_GUARDED_MEMBER(*_mutex);
 };
 
 // A thread with a managed life cycle. The owner calls start() and stop(); the
@@ -153,11 +178,12 @@ class KESTREL_API Event {
 // ends the loop, stopping() still runs, and the state stays RUNNING until the
 // owner calls stop().
 //
-// Thread safety: start(), stop() and the destructor belong to one owner thread
-//   (never the work thread); isActive() and isRunning() may be called from any
-//   thread.
+// Thread safety: start(), stop(), setThreadName() and the destructor belong to
+//   one owner thread, never the work thread (stop() there is checked in debug
+//   builds); isActive() and isRunning() may be called from any thread.
 // Lifetime: the destructor neither stops nor joins: a subclass calls stop() in
-//   its own destructor, while its hooks still exist. Not copyable.
+//   its own destructor, while its hooks still exist. A WorkThread destroyed
+//   in another state than STOPPED is checked in debug builds. Not copyable.
 // Errors: start() returns false only when no thread can be created; stop()
 //   always returns true; nothing is thrown to the owner.
 class KESTREL_API WorkThread : protected Thread {
@@ -180,6 +206,9 @@ class KESTREL_API WorkThread : protected Thread {
     bool isActive() const;
     // True when the state is RUNNING.
     bool isRunning() const;
+    // The name of the work thread (see Thread); "kestrel-work" by default.
+    using Thread::getThreadName;
+    using Thread::setThreadName;
 
   protected:
     // True when the state is STOPPING: a stop was requested and the thread
@@ -238,12 +267,13 @@ class KESTREL_API WorkThread : protected Thread {
 // asks the system for precise timed waits; it sleeps until each due time in
 // one wait and never watches the clock.
 //
-// Thread safety: construction, start(), stop(), setPeriod() and destruction
-//   belong to one owner thread, never executing(); the getters may be called
-//   from any thread.
+// Thread safety: construction, start(), stop(), setPeriod(), setThreadName()
+//   and destruction belong to one owner thread, never executing() (stop() and
+//   setPeriod() on the timer thread are checked in debug builds); the getters
+//   may be called from any thread.
 // Lifetime: the destructor stops the thread, but a subclass must call stop()
 //   in its own destructor so that executing() never runs on a partly
-//   destroyed object. Not copyable.
+//   destroyed object (checked in debug builds). Not copyable.
 // Errors: start() returns false when no thread can be created; an exception
 //   from executing() ends the executions (the state stays RUNNING until
 //   stop()); nothing is thrown to the owner.
@@ -263,6 +293,9 @@ class KESTREL_API TimerThread : protected WorkThread {
     // &TimerThread::start is a member of TimerThread).
     bool start();
     bool stop();
+    // The name of the timer thread (see Thread); "kestrel-timer" by default.
+    using WorkThread::getThreadName;
+    using WorkThread::setThreadName;
 
     // Seconds between executions. Zero, negative, NaN and infinite periods
     // are ignored. A running timer is stopped and started again with the new
@@ -298,11 +331,11 @@ class KESTREL_API TimerThread : protected WorkThread {
 
     std::unique_ptr<Mutex> _mutex;
     const ExecutionMode _mode;
-    double _period;            // guarded by _mutex
-    int _executions;           // guarded by _mutex
-    Timestamp _startTime;      // guarded by _mutex
-    Timestamp _executionTime;  // guarded by _mutex
-    bool _restarting;          // set by setPeriod() around its restart
+    double _period KESTREL_GUARDED_MEMBER(*_mutex);
+    int _executions KESTREL_GUARDED_MEMBER(*_mutex);
+    Timestamp _startTime KESTREL_GUARDED_MEMBER(*_mutex);
+    Timestamp _executionTime KESTREL_GUARDED_MEMBER(*_mutex);
+    bool _restarting;  // set by setPeriod() around its restart
 };
 
 }  // namespace kestrel

@@ -2,6 +2,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/contract.h"
 #include "kestrel/events.h"
 
 namespace kestrel {
@@ -54,6 +55,10 @@ struct AnyEvent : IMatchEventFcn {
 }  // namespace
 
 EventManager* EventManager::createInstance(const EventQueue::IEventQueueHandler* const handler) {
+    KESTREL_EXPECTS(_singleton == nullptr || _singleton->isProcessingThread(),
+                    "EventManager::createInstance() called on a thread other than the processing "
+                    "thread of the existing instance: create, get and destroy the manager on one "
+                    "thread (see kestrel/events.h, EventManager)");
     if (_singleton == nullptr) {
         _singleton = new EventManager(handler);
     }
@@ -69,6 +74,10 @@ void EventManager::destroyInstance() {
     if (instance == nullptr) {
         return;
     }
+    KESTREL_EXPECTS(instance->isProcessingThread(),
+                    "EventManager::destroyInstance() called on a thread other than its processing "
+                    "thread (the one that created it): destroy the manager on that thread (see "
+                    "kestrel/events.h, EventManager)");
     if (callsInProgress == 0) {
         _singleton = nullptr;
         delete instance;

@@ -105,7 +105,9 @@ EventThread::EventThread(StopProcessingMode mode)
       _wakeEvent(false, false),
       _posting(0),
       _wakePending(false),
-      _refused(0) {}
+      _refused(0) {
+    setThreadName("kestrel-event");
+}
 
 EventThread::~EventThread() {
     stop();

@@ -3,7 +3,9 @@
 namespace kestrel {
 namespace detail {
 
-OpaqueLock::OpaqueLock(OpaqueMutex& mutex) : _mutex(&mutex), _owns(false) {
+// An enumerator's lock outlives the scope that takes it: beyond the analysis.
+OpaqueLock::OpaqueLock(OpaqueMutex& mutex) KESTREL_NO_THREAD_SAFETY_ANALYSIS : _mutex(&mutex),
+                                                                               _owns(false) {
     _mutex->mutex.lock();
     _owns = true;
     ++_mutex->enumerators;
@@ -14,7 +16,7 @@ OpaqueLock::OpaqueLock(OpaqueLock&& other) noexcept : _mutex(other._mutex), _own
     other._owns = false;
 }
 
-OpaqueLock::~OpaqueLock() {
+OpaqueLock::~OpaqueLock() KESTREL_NO_THREAD_SAFETY_ANALYSIS {
     if (_owns) {
         if (--_mutex->enumerators == 0 && _mutex->lastEnumeratorGone) {
             _mutex->lastEnumeratorGone();

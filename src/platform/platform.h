@@ -9,5 +9,6 @@
 #include "platform/files.h"
 #include "platform/local_time.h"
 #include "platform/system_error.h"
+#include "platform/thread_name.h"
 #include "platform/thread_priority.h"
 #include "platform/timed_waits.h"

@@ -27,13 +27,13 @@ Event::~Event() = default;
 
 void Event::signal() {
     {
-        const std::lock_guard<std::mutex> lock(*_mutex);
+        const detail::ScopedLock<Mutex> lock(*_mutex);
         _signalled.store(true, std::memory_order_relaxed);
         // The WorkThread waits on this event, each of which also waits on a
         // stop request: woken under the lock, since a wait leaves the list
         // (and may end its sleeper) only under it. Each looks at the flag
         // again, so an auto-reset signal is still taken by one wait only.
-        for (const detail::EventWatch* watch = _condition->watches; watch != nullptr;
+        for (const detail::EventWatch* watch = _mutex->watches; watch != nullptr;
              watch = watch->next) {
             watch->sleeper->wake();
         }
@@ -51,14 +51,14 @@ void Event::signal() {
 }
 
 void Event::reset() {
-    const std::lock_guard<std::mutex> lock(*_mutex);
+    const detail::ScopedLock<Mutex> lock(*_mutex);
     _signalled.store(false, std::memory_order_relaxed);
 }
 
 void Event::wait() {
-    std::unique_lock<std::mutex> lock(*_mutex);
+    detail::UniqueLock lock(*_mutex);
     while (!_signalled.load(std::memory_order_relaxed)) {
-        _condition->wait(lock);
+        _condition->wait(lock.native());
     }
     if (!_manualReset) {
         _signalled.store(false, std::memory_order_relaxed);

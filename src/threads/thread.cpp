@@ -2,6 +2,7 @@
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
 
+#include "core/contract.h"
 #include "core/thread_end.h"
 #include "kestrel/threads.h"
 #include "platform/platform.h"
@@ -39,6 +40,8 @@ class Thread::ThreadImpl {
     bool start();
     void join();
     bool isActive() const { return _active; }
+    void setName(const std::string& name) { _name = name; }
+    const std::string& getName() const { return _name; }
     boost::thread::id getID() const { return _thread ? _thread->get_id() : boost::thread::id(); }
 
   private:
@@ -51,6 +54,8 @@ class Thread::ThreadImpl {
     boost::barrier _startBarrier;
     // Written by the new thread before the rendezvous, read by start() after.
     platform::ThreadPriorityHandle _priorityHandle;
+    // Written by the owner while no thread starts; read by the new thread.
+    std::string _name = "kestrel-thread";
 };
 
 bool Thread::ThreadImpl::start() {
@@ -95,6 +100,9 @@ KESTREL_CATCHES_THREAD_END bool Thread::ThreadImpl::threadFunction() {
     } unwoundEnd;
     bool result = true;
     _priorityHandle = platform::captureCurrentThread();
+    if (!_name.empty()) {
+        platform::nameCurrentThread(_name);
+    }
     _startBarrier.wait();
     try {
         result = _owner->run();
@@ -112,6 +120,9 @@ void Thread::ThreadImpl::join() {
     if (!_active) {
         return;
     }
+    KESTREL_EXPECTS(_thread->get_id() != boost::this_thread::get_id(),
+                    "Thread::join() called on the thread itself, which cannot wait for its own "
+                    "end: join it from its owner's thread (see kestrel/threads.h, Thread)");
     _thread->join();
     _thread.reset();
     _active = false;
@@ -119,7 +130,11 @@ void Thread::ThreadImpl::join() {
 
 Thread::Thread(ThreadPriority priority) : _impl(std::make_unique<ThreadImpl>(this, priority)) {}
 
-Thread::~Thread() = default;
+Thread::~Thread() {
+    KESTREL_EXPECTS(!_impl->isActive(),
+                    "Thread destroyed while its thread was started and not joined: call join() "
+                    "before destroying it (see kestrel/threads.h, Thread)");
+}
 
 bool Thread::start() {
     return _impl->start();
@@ -131,6 +146,14 @@ void Thread::join() {
 
 bool Thread::isActive() const {
     return _impl->isActive();
+}
+
+void Thread::setThreadName(const std::string& name) {
+    _impl->setName(name);
+}
+
+std::string Thread::getThreadName() const {
+    return _impl->getName();
 }
 
 boost::thread::id Thread::getID() const {

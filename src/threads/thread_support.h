@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "core/annotated_mutex.h"
 #include "kestrel/threads.h"
 #include "platform/timed_waits.h"
 #include "threads/signal_hook.h"
@@ -31,10 +32,10 @@ struct EventWatch {
 // Boost's condition variable takes a second, internal mutex on both sides
 // (for thread interruption, which no Event wait offers), which doubles the
 // cost of a signal-and-wake round trip.
-struct Event::Mutex : std::mutex {};
-struct Event::Condition : std::condition_variable {
-    detail::EventWatch* watches = nullptr;  // guarded by the event's mutex
+struct Event::Mutex : detail::Mutex {
+    detail::EventWatch* watches KESTREL_GUARDED_BY(this) = nullptr;
 };
+struct Event::Condition : std::condition_variable {};
 
 namespace detail {
 
@@ -83,6 +84,10 @@ inline std::int64_t roundedNanoseconds(double seconds) {
     }
     return static_cast<std::int64_t>(micros) * 1000;
 }
+
+// True when the calling thread is thread's work thread (inside its run()).
+// Known only in builds with contract checks; false in the others.
+bool isCurrentWorkThread(const WorkThread* thread);
 
 }  // namespace detail
 }  // namespace kestrel

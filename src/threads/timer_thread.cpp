@@ -1,17 +1,20 @@
 #include <boost/thread/locks.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 
+#include <typeinfo>
+
+#include "core/contract.h"
 #include "kestrel/threads.h"
 #include "platform/platform.h"
 #include "threads/thread_support.h"
 
 namespace kestrel {
 
-struct TimerThread::Mutex : boost::recursive_mutex {};
+struct TimerThread::Mutex : detail::Annotated<boost::recursive_mutex> {};
 
 namespace {
 
-using Lock = boost::lock_guard<boost::recursive_mutex>;
+using Lock = detail::ScopedLock<detail::Annotated<boost::recursive_mutex>>;
 
 // Executions happen this long after their due time, never before it.
 constexpr double kDueMargin = 0.0005;
@@ -27,10 +30,14 @@ TimerThread::TimerThread(ExecutionMode mode, double period)
       _startTime(),
       _executionTime(_startTime),
       _restarting(false) {
+    setThreadName("kestrel-timer");
     setPeriod(period);
 }
 
 TimerThread::~TimerThread() {
+    KESTREL_EXPECTS(getState() == STOPPED,
+                    "TimerThread destroyed while its thread is running: call stop() in the "
+                    "destructor of your subclass (see kestrel/threads.h, TimerThread)");
     stop();
 }
 
@@ -43,6 +50,10 @@ bool TimerThread::stop() {
 }
 
 void TimerThread::setPeriod(double period) {
+    KESTREL_EXPECTS(!detail::isCurrentWorkThread(this),
+                    "TimerThread::setPeriod() called on the timer thread (from executing()), "
+                    "where restarting would join the thread itself: change the period from the "
+                    "owner's thread (see kestrel/threads.h, TimerThread)");
     if (!(period > 0.0) || period == Thread::INFINITE_SECONDS || getPeriod() == period) {
         return;
     }
@@ -123,6 +134,12 @@ void TimerThread::running() {
         _executionTime = next;
         ++_executions;
     }
+    // Once the owner has begun to destroy the object without stopping it,
+    // executing() has no body left: report that rather than crash in the
+    // call.
+    KESTREL_EXPECTS(typeid(*this) != typeid(TimerThread),
+                    "TimerThread destroyed while its thread is running: call stop() in the "
+                    "destructor of your subclass (see kestrel/threads.h, TimerThread)");
     executing();
 }
 

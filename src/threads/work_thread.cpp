@@ -30,6 +30,9 @@
 #include <boost/thread/locks.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 
+#include <typeinfo>
+
+#include "core/contract.h"
 #include "core/thread_end.h"
 #include "kestrel/threads.h"
 #include "platform/timed_waits.h"
@@ -37,7 +40,7 @@
 
 namespace kestrel {
 
-struct WorkThread::StateMutex : boost::recursive_mutex {};
+struct WorkThread::StateMutex : detail::Annotated<boost::recursive_mutex> {};
 
 struct WorkThread::StartBarrier : boost::barrier {
     StartBarrier() : boost::barrier(2) {}
@@ -52,7 +55,7 @@ class WorkThread::Watch {
     Watch(Event& event, platform::Sleeper& sleeper) : _event(event) { _entry.sleeper = &sleeper; }
     ~Watch() {
         if (_registered) {
-            const std::lock_guard<std::mutex> lock(*_event._mutex);
+            const detail::ScopedLock<Event::Mutex> lock(*_event._mutex);
             unregister();
         }
     }
@@ -63,7 +66,7 @@ class WorkThread::Watch {
     // and the event is auto reset, and the registration ends. Otherwise the
     // sleeper stays registered (or is registered now) and false.
     bool test(bool take) {
-        const std::lock_guard<std::mutex> lock(*_event._mutex);
+        const detail::ScopedLock<Event::Mutex> lock(*_event._mutex);
         if (_event._signalled.load(std::memory_order_relaxed)) {
             if (take && !_event._manualReset) {
                 _event._signalled.store(false, std::memory_order_relaxed);
@@ -72,7 +75,7 @@ class WorkThread::Watch {
             return true;
         }
         if (!_registered) {
-            detail::EventWatch*& first = _event._condition->watches;
+            detail::EventWatch*& first = _event._mutex->watches;
             _entry.prev = nullptr;
             _entry.next = first;
             if (first != nullptr) {
@@ -85,15 +88,14 @@ class WorkThread::Watch {
     }
 
   private:
-    // Under the event's lock.
-    void unregister() {
+    void unregister() KESTREL_REQUIRES(*_event._mutex) {
         if (!_registered) {
             return;
         }
         if (_entry.prev != nullptr) {
             _entry.prev->next = _entry.next;
         } else {
-            _event._condition->watches = _entry.next;
+            _event._mutex->watches = _entry.next;
         }
         if (_entry.next != nullptr) {
             _entry.next->prev = _entry.prev;
@@ -112,9 +114,41 @@ WorkThread::WorkThread(Thread::ThreadPriority priority)
       _state(STOPPED),
       _startBarrier(std::make_unique<StartBarrier>()),
       _stopEvent(false, false),
-      _sleeper(std::make_unique<Sleeper>()) {}
+      _sleeper(std::make_unique<Sleeper>()) {
+    setThreadName("kestrel-work");
+}
 
-WorkThread::~WorkThread() = default;
+namespace {
+
+#if KESTREL_CONTRACT_CHECKS
+// The work thread whose run() this thread executes, if any: the checks that
+// an owner's operation is not called from the work thread look here.
+thread_local const WorkThread* tCurrentWorkThread = nullptr;
+#endif
+
+}  // namespace
+
+namespace detail {
+
+bool isCurrentWorkThread(const WorkThread* thread) {
+#if KESTREL_CONTRACT_CHECKS
+    return tCurrentWorkThread == thread;
+#else
+    static_cast<void>(thread);
+    return false;
+#endif
+}
+
+}  // namespace detail
+
+WorkThread::~WorkThread() {
+    // By now the subclass's part is gone: a work thread that still runs calls
+    // hooks that no longer exist. (The run loop watches for the same moment
+    // from the other side.)
+    KESTREL_EXPECTS(getState() == STOPPED,
+                    "WorkThread destroyed while its thread is running: call stop() in the "
+                    "destructor of your subclass (see kestrel/threads.h, WorkThread)");
+}
 
 bool WorkThread::start() {
     if (getState() != STOPPED) {
@@ -139,6 +173,9 @@ bool WorkThread::start() {
 }
 
 bool WorkThread::stop() {
+    KESTREL_EXPECTS(!detail::isCurrentWorkThread(this),
+                    "WorkThread::stop() called on the work thread itself, which cannot join "
+                    "itself: stop it from its owner's thread (see kestrel/threads.h, WorkThread)");
     if (getState() == STOPPED) {
         return true;
     }
@@ -171,7 +208,7 @@ WorkThread::ThreadState WorkThread::getState() const {
 }
 
 void WorkThread::setState(ThreadState state) {
-    const boost::lock_guard<boost::recursive_mutex> lock(*_stateMutex);
+    const detail::ScopedLock<StateMutex> lock(*_stateMutex);
     _state.store(state, std::memory_order_seq_cst);
 }
 
@@ -250,6 +287,24 @@ KESTREL_CATCHES_THREAD_END bool WorkThread::run() {
             }
         }
     } rendezvous{*_startBarrier};
+#if KESTREL_CONTRACT_CHECKS
+    struct Current {
+        explicit Current(const WorkThread* thread) { tCurrentWorkThread = thread; }
+        ~Current() { tCurrentWorkThread = nullptr; }
+        Current(const Current&) = delete;
+        Current& operator=(const Current&) = delete;
+    } current(this);
+    // Once the owner has begun to destroy the object without stopping it,
+    // its dynamic type is WorkThread itself and running() has no body left:
+    // report that rather than crash in the call.
+    const auto checkSubclassAlive = [this] {
+        KESTREL_EXPECTS(typeid(*this) != typeid(WorkThread),
+                        "WorkThread destroyed while its thread is running: call stop() in the "
+                        "destructor of your subclass (see kestrel/threads.h, WorkThread)");
+    };
+#else
+    const auto checkSubclassAlive = [] {};
+#endif
     try {
         starting();
     }
@@ -259,8 +314,10 @@ KESTREL_CATCHES_THREAD_END bool WorkThread::run() {
     }
     rendezvous.pass();
     try {
+        checkSubclassAlive();
         running();
         while (getState() != STOPPING) {
+            checkSubclassAlive();
             running();
         }
     } catch (const boost::thread_interrupted&) {

@@ -8,8 +8,7 @@
 #include <cstddef>
 #include <ctime>
 #include <limits>
-#include <mutex>
-
+#include "core/annotated_mutex.h"
 #include "core/recursive_mutex.h"
 
 namespace kestrel {
@@ -101,7 +100,7 @@ class ClockCalibration {
         }
         // A locked request is short: concurrent ones (sampling and blending)
         // retry for a moment rather than put each other to sleep.
-        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
+        const ScopedLock<RecursiveMutex> guard(calibrationLock);
         const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
@@ -111,7 +110,7 @@ class ClockCalibration {
     }
 
     double getSystemGranularity() {
-        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
+        const ScopedLock<RecursiveMutex> guard(calibrationLock);
         const WriteSection section(*this);
         if (state == Uncalibrated) {
             calibrate();
@@ -124,7 +123,7 @@ class ClockCalibration {
     void reset(ClockSources* replacement) {
         const std::lock_guard<std::mutex> replacing(replaceLock);
         {
-            const std::lock_guard<RecursiveMutex> guard(calibrationLock);
+            const ScopedLock<RecursiveMutex> guard(calibrationLock);
             const WriteSection section(*this);
             sources = replacement != nullptr ? replacement : &systemSources;
             // At once, not only when the section publishes: a pinned reader
@@ -143,7 +142,7 @@ class ClockCalibration {
     }
 
     std::int32_t getState() {
-        const std::lock_guard<RecursiveMutex> guard(calibrationLock);
+        const ScopedLock<RecursiveMutex> guard(calibrationLock);
         return state;
     }
 
@@ -168,7 +167,7 @@ class ClockCalibration {
     // and blending requests) touch neither the count nor the copy.
     class WriteSection {
       public:
-        explicit WriteSection(ClockCalibration& clock)
+        explicit WriteSection(ClockCalibration& clock) KESTREL_REQUIRES(clock.calibrationLock)
             : _clock(clock),
               _readersActive(clock.published.state.load(std::memory_order_relaxed) == Tracking) {
             if (_readersActive) {
@@ -177,7 +176,9 @@ class ClockCalibration {
                 _clock.sequence.fetch_add(1, std::memory_order_seq_cst);
             }
         }
-        ~WriteSection() {
+        // Destroyed before the lock is released; the analysis does not
+        // follow a reference member to its lock.
+        ~WriteSection() KESTREL_NO_THREAD_SAFETY_ANALYSIS {
             if (!_readersActive && _clock.state != Tracking) {
                 return;
             }
@@ -197,7 +198,7 @@ class ClockCalibration {
 
     // Release stores, read with acquire loads: a reader that sees any value
     // of a section also sees that section's odd count when it checks.
-    void publish() {
+    void publish() KESTREL_REQUIRES(calibrationLock) {
         published.sources.store(sources, std::memory_order_release);
         published.state.store(state, std::memory_order_release);
         published.epoch.store(epoch, std::memory_order_release);
@@ -319,18 +320,18 @@ class ClockCalibration {
     }
 
     // Wall-clock seconds since time value 0.
-    double wallSeconds() const {
+    double wallSeconds() const KESTREL_REQUIRES(calibrationLock) {
         return static_cast<double>(sources->wallTicks() - epoch) / kWallTicksPerSecond;
     }
 
-    double stopwatchSeconds() const {
+    double stopwatchSeconds() const KESTREL_REQUIRES(calibrationLock) {
         return static_cast<double>(sources->steadyNanoseconds() - stopwatchStart) /
                kNanosecondsPerSecond;
     }
 
     // Takes the base time from the wall clock just after one of its steps,
     // which also measures the step, and restarts the stopwatch.
-    void calibrate() {
+    void calibrate() KESTREL_REQUIRES(calibrationLock) {
         epoch = sources->wallTicksAtTimeZero();
         const double t0 = wallSeconds();
         double t = t0;
@@ -347,7 +348,7 @@ class ClockCalibration {
 
     // The stopwatch seconds x corrected by the rate, advancing the state.
     // The rate multiplies the whole of x.
-    double rateStep(double x) {
+    double rateStep(double x) KESTREL_REQUIRES(calibrationLock) {
         const double wallElapsed = wallSeconds() + systemGranularity * 0.5 - baseTime;
 
         if (x > kTrackingPeriod && (state == Tracking || state == Sampling)) {
@@ -409,21 +410,26 @@ class ClockCalibration {
 
     RecursiveMutex calibrationLock;
     SystemClockSources systemSources;
-    ClockSources* sources = &systemSources;  // guarded by calibrationLock
+    ClockSources* sources KESTREL_GUARDED_BY(calibrationLock) = &systemSources;
 
-    // All guarded by calibrationLock.
-    std::int32_t state = Uncalibrated;
-    std::int64_t epoch = 0;           // wall ticks of time value 0
-    double baseTime = 0.0;            // wall seconds at calibration
-    double systemGranularity = 0.0;   // one wall-clock step, seconds
-    std::int64_t stopwatchStart = 0;  // steady nanoseconds at calibration
-    double rate = 1.0;
-    double targetRate = 1.0;
-    double previousRate = 1.0;
-    double deadline = 0.0;    // stopwatch seconds when the current phase ends
-    double blendStart = 0.0;  // stopwatch seconds when the current blend began
-    bool restartAfterBlend = false;
-    RatioSamples ratioSamples;
+    std::int32_t state KESTREL_GUARDED_BY(calibrationLock) = Uncalibrated;
+    // Wall ticks of time value 0.
+    std::int64_t epoch KESTREL_GUARDED_BY(calibrationLock) = 0;
+    // Wall seconds at calibration.
+    double baseTime KESTREL_GUARDED_BY(calibrationLock) = 0.0;
+    // One wall-clock step, seconds.
+    double systemGranularity KESTREL_GUARDED_BY(calibrationLock) = 0.0;
+    // Steady nanoseconds at calibration.
+    std::int64_t stopwatchStart KESTREL_GUARDED_BY(calibrationLock) = 0;
+    double rate KESTREL_GUARDED_BY(calibrationLock) = 1.0;
+    double targetRate KESTREL_GUARDED_BY(calibrationLock) = 1.0;
+    double previousRate KESTREL_GUARDED_BY(calibrationLock) = 1.0;
+    // Stopwatch seconds when the current phase ends.
+    double deadline KESTREL_GUARDED_BY(calibrationLock) = 0.0;
+    // Stopwatch seconds when the current blend began.
+    double blendStart KESTREL_GUARDED_BY(calibrationLock) = 0.0;
+    bool restartAfterBlend KESTREL_GUARDED_BY(calibrationLock) = false;
+    RatioSamples ratioSamples KESTREL_GUARDED_BY(calibrationLock);
 
     // Odd while a locked section runs; see the class comment.
     std::atomic<std::uint32_t> sequence{0};

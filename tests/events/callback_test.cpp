@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "core/contract.h"
 #include "support/event_fakes.h"
 #include "support/other_thread.h"
 
@@ -322,6 +323,7 @@ TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerEx
         (new TestEvent(t, 3))->postOrCoalesceEvent(thread, &any, nullptr);  // into the empty queue
         EXPECT_TRUE(waitFor([&] { return t.executed == 3; }));
         EXPECT_EQ(t.trace(), (Ints{0, 2, 3}));
+#if !KESTREL_CONTRACT_CHECKS  // which report this call instead (contract_checks_test.cpp)
         // An event that stops its own thread: the stop cannot join there, yet
         // the thread ends after the pass and the owner's stop() completes it.
         auto* stopping = new TestEvent(t, 4);
@@ -330,6 +332,7 @@ TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerEx
         (new TestEvent(t, 5))->postEvent(thread);
         EXPECT_TRUE(waitFor([&] { return !thread.isRunning(); }));
         runOnAnotherThread([&] { EXPECT_TRUE(thread.stop() && thread.start()); });
+#endif
     }
     EXPECT_TRUE(l.destroyed() == l.created && t.destroyed() == t.created && l.fates[kWrong] == 0);
 }

@@ -17,11 +17,11 @@
 #include <cstring>
 #include <exception>
 #include <list>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "core/annotated_mutex.h"
 #include "platform/dynamic_library.h"
 #include "platform/posix/elf_dependencies.h"
 #include "platform/posix/posix_error.h"
@@ -39,8 +39,8 @@ std::atomic<std::uint32_t> errorMode{0};
 // The directories added with AddDllDirectory, process-wide and never
 // removed. A list, so that each entry's address can serve as its cookie.
 struct AddedDirectories {
-    std::mutex lock;
-    std::list<std::string> directories;  // guarded by lock
+    detail::Mutex lock;
+    std::list<std::string> directories KESTREL_GUARDED_BY(lock);
 };
 
 AddedDirectories& addedDirectories() {
@@ -300,7 +300,7 @@ ModuleHandle LoadLibraryExW(const wchar_t* fileName, void* reserved, std::uint32
     }
     if ((flags & (kLoadLibrarySearchUserDirs | kLoadLibrarySearchDefaultDirs)) != 0) {
         AddedDirectories& added = addedDirectories();
-        std::lock_guard<std::mutex> guard(added.lock);
+        const detail::ScopedLock<detail::Mutex> guard(added.lock);
         directories.insert(directories.end(), added.directories.begin(), added.directories.end());
     }
     // A directory named twice (AddDllDirectory adds it again each time) is
@@ -325,7 +325,7 @@ DllDirectoryCookie AddDllDirectory(const wchar_t* directory) {
         return nullptr;
     }
     AddedDirectories& added = addedDirectories();
-    std::lock_guard<std::mutex> guard(added.lock);
+    const detail::ScopedLock<detail::Mutex> guard(added.lock);
     added.directories.push_back(path);
     return &added.directories.back();
 }

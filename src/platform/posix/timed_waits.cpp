@@ -12,17 +12,17 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
-#include <mutex>
 
+#include "core/annotated_mutex.h"
 #include "platform/timed_waits.h"
 
 namespace kestrel {
 namespace platform {
 
 struct Sleeper::State {
-    std::mutex mutex;
+    detail::Mutex mutex;
     std::condition_variable condition;
-    bool woken = false;  // guarded by mutex
+    bool woken KESTREL_GUARDED_BY(mutex) = false;
 };
 
 Sleeper::Sleeper() : _state(std::make_unique<State>()) {}
@@ -31,23 +31,23 @@ Sleeper::~Sleeper() = default;
 
 void Sleeper::wake() noexcept {
     {
-        const std::lock_guard<std::mutex> lock(_state->mutex);
+        const detail::ScopedLock<detail::Mutex> lock(_state->mutex);
         _state->woken = true;
     }
     _state->condition.notify_one();
 }
 
 void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) {
-    std::unique_lock<std::mutex> lock(_state->mutex);
+    detail::UniqueLock lock(_state->mutex);
     if (!_state->woken) {
         if (deadlineNanoseconds == kNoDeadline) {
-            _state->condition.wait(lock);
+            _state->condition.wait(lock.native());
         } else {
             // libstdc++ waits on the steady clock's own deadline
             // (pthread_cond_clockwait on CLOCK_MONOTONIC).
             const std::chrono::steady_clock::time_point deadline{
                 std::chrono::nanoseconds(deadlineNanoseconds)};
-            _state->condition.wait_until(lock, deadline);
+            _state->condition.wait_until(lock.native(), deadline);
         }
     }
     _state->woken = false;
