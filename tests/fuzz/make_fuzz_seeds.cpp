@@ -41,29 +41,24 @@ struct Image {
         header.e_ident[EI_CLASS] = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
         header.e_ident[EI_DATA] = ELFDATA2LSB;
         header.e_ident[EI_VERSION] = EV_CURRENT;
-        header.e_type = ET_DYN;
         header.e_version = EV_CURRENT;
+        header.e_type = ET_DYN;
         header.e_phoff = kPhoff;
         header.e_ehsize = sizeof header;
         header.e_phentsize = sizeof(ElfW(Phdr));
         header.e_phnum = 2;
-        segments[0] = {};
         segments[0].p_type = PT_LOAD;
         segments[0].p_filesz = segments[0].p_memsz = kSize;
         segments[0].p_align = 0x1000;
-        segments[1] = {};
         segments[1].p_type = PT_DYNAMIC;
         segments[1].p_offset = segments[1].p_vaddr = kDynOff;
         segments[1].p_filesz = segments[1].p_memsz = kDynCount * sizeof(ElfW(Dyn));
-        dynamic[0].d_tag = DT_NEEDED;
-        dynamic[0].d_un.d_val = 1;
-        dynamic[1].d_tag = DT_NEEDED;
-        dynamic[1].d_un.d_val = 9;
-        dynamic[2].d_tag = DT_STRTAB;
-        dynamic[2].d_un.d_ptr = kStrOff;
-        dynamic[3].d_tag = DT_STRSZ;
-        dynamic[3].d_un.d_val = sizeof kStrings;
-        dynamic[4].d_tag = DT_NULL;
+        const ElfW(Sxword) tags[kDynCount] = {DT_NEEDED, DT_NEEDED, DT_STRTAB, DT_STRSZ, DT_NULL};
+        const ElfW(Xword) values[kDynCount] = {1, 9, kStrOff, sizeof kStrings, 0};
+        for (std::size_t i = 0; i < kDynCount; ++i) {
+            dynamic[i].d_tag = tags[i];
+            dynamic[i].d_un.d_val = values[i];
+        }
     }
 
     Bytes bytes() const {

@@ -13,6 +13,8 @@
 
 namespace kestrel_test {
 
+using Ints = std::vector<int>;
+
 // kWrong: executed twice, or executed although replaced.
 enum Fate { kExecuted, kReplaced, kFlushed, kRefused, kDiscarded, kWrong, kFates };
 
@@ -23,8 +25,8 @@ struct Ledger {
     std::atomic<int> notified{0}, counts[64]{};
     kestrel::EventInfoLog* log = nullptr;  // where events leave their records, if anywhere
     int destroyed() const { return std::accumulate(std::begin(fates), std::end(fates), 0); }
-    std::vector<int> trace() const { return std::vector<int>(keys, keys + executed); }
-    std::vector<int> told() const { return std::vector<int>(counts, counts + notified); }
+    Ints trace() const { return Ints(keys, keys + executed); }
+    Ints told() const { return Ints(counts, counts + notified); }
 };
 
 struct Info : kestrel::IEventInfo {
@@ -82,6 +84,28 @@ struct SumMerge : kestrel::IMergeEventInfoFcn {
     void operator()(kestrel::IEventInfo* newInfo, kestrel::IEventInfo* queuedInfo) const override {
         static_cast<Info*>(newInfo)->value += static_cast<Info*>(queuedInfo)->value;
     }
+};
+
+// A match object that asks f, and a merge object that runs f.
+struct Match : kestrel::IMatchEventFcn {
+    explicit Match(std::function<bool(TestEvent&)> f) : accept(std::move(f)) {}
+    bool operator()(kestrel::IEvent* queued) const override {
+        return accept(*static_cast<TestEvent*>(queued));
+    }
+    std::function<bool(TestEvent&)> accept;
+};
+struct Merge : kestrel::IMergeEventInfoFcn {
+    explicit Merge(std::function<void()> f) : run(std::move(f)) {}
+    void operator()(kestrel::IEventInfo*, kestrel::IEventInfo*) const override { run(); }
+    std::function<void()> run;
+};
+
+// An event whose destructor runs a hook first.
+struct Hooked : TestEvent {
+    Hooked(Ledger& l, int k, std::function<void()> h)
+        : TestEvent(l, k, new Info(false)), hook(std::move(h)) {}
+    ~Hooked() override { hook(); }
+    std::function<void()> hook;
 };
 
 struct Handler : kestrel::EventQueue::IEventQueueHandler {

@@ -2,12 +2,15 @@
 // left held would block that thread for good.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <thread>
 
+#include "kestrel/threads.h"
 #include "support/timing.h"
 
 namespace kestrel_test {
@@ -30,6 +33,27 @@ inline void runOnAnotherThread(const std::function<void()>& action) {
         std::abort();
     }
     other.join();
+}
+
+// After a fault in one of its hooks: thread (a WorkThread or TimerThread)
+// starts; when loopEnds, its loop ends after the first call, yet it stays
+// RUNNING until stop(). Another thread then stops it, starts it again (busy()
+// grows) and stops it: no lock was left held.
+template <typename T, typename Busy>
+void expectUsableAfterFault(T& thread, bool loopEnds, Busy busy) {
+    ASSERT_TRUE(thread.start());
+    ASSERT_TRUE(waitFor([&] { return busy() > 0; }));
+    if (loopEnds) {
+        kestrel::Thread::sleep(0.05);
+        EXPECT_EQ(busy(), 1);
+        EXPECT_TRUE(thread.isRunning() && thread.start());
+    }
+    runOnAnotherThread([&] {
+        EXPECT_TRUE(thread.stop() && !thread.isRunning());
+        const int before = busy();
+        EXPECT_TRUE(thread.start() && waitFor([&] { return busy() > before; }));
+        EXPECT_TRUE(thread.stop());
+    });
 }
 
 }  // namespace kestrel_test

@@ -97,16 +97,11 @@ TEST(TimestampTest, NothingComparesTrueWithNaNAndTheTimeVectorIsLocalCalendarTim
     }
 }
 
-TEST(TimestampTest, RealClocksGiveTheSystemTimeInFineStepsAndTheTimeSinceAStart) {
-    ElapsedTimer idle(false), timer;
+TEST(TimestampTest, TheRealClockGivesTheSystemTimeInFineSteps) {
     EXPECT_GT(Timestamp::getSystemClockGranularity(), 0.0);  // calibrates
     const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
     EXPECT_NEAR(fcns::time::getCurrentTimestamp(), now.count(), 1.0);
     EXPECT_LT(Timestamp::getGranularity(), kSchedulingAllowance);
-    ASSERT_TRUE(waitFor([&] { return timer.getElapsedTime() > kSchedulingAllowance; }));
-    EXPECT_EQ(idle.getElapsedTime(), 0.0);
-    timer.start();
-    EXPECT_LT(timer.getElapsedTime(), kSchedulingAllowance);
 }
 
 // setClockSources() returns only once no reading of the sources it replaced

@@ -1,0 +1,165 @@
+// The event queue on its own: coalescing, flushing and passes, with match and
+// merge objects, destructors, handlers and events that re-enter the queue.
+#include <gtest/gtest.h>
+
+#include "support/event_fakes.h"
+
+using namespace kestrel;
+using namespace kestrel_test;
+
+TEST(EventQueueTest, CoalescesFlushesAndPassesOverWhatWasQueuedAtTheStartWithoutNesting) {
+    Ledger l;
+    {
+        EventQueue q(new Handler(l), {});
+        const KeyMatch match1(1);
+        const SumMerge merge;
+        const auto post = [&](TestEvent* e, const KeyMatch* match = nullptr) {
+            q.postEvent(e, match, &merge);
+            return e;
+        };
+        q.processEvents();                                        // empty: tells nothing
+        post(new TestEvent(l, 1, new Info(false, 10)), &match1);  // appended
+        post(new TestEvent(l, 2));
+        post(new TestEvent(l, 6))->onExecute = []() -> bool { throw 6; };  // the pass goes on
+        post(new TestEvent(l, 1));  // appended although it matches
+        auto* merged = new Info(false, 5);
+        post(new TestEvent(l, 3, merged), &match1);  // replaces the first 1
+        EXPECT_EQ(merged->value, 15);
+        auto* nesting = post(new TestEvent(l, 4, new Info(false)), &match1);  // no merge
+        nesting->onExecute = [&] {
+            post(new TestEvent(l, 10));
+            q.processEvents();  // returns at once
+            post(new TestEvent(l, 11));
+            return true;
+        };
+        post(new TestEvent(l, 5), &match1);  // appended
+        post(new TestEvent(l, 5))->executable = false;
+        q.flushEvents(KeyMatch(2, kFlushed), false);
+        q.flushEvents(KeyMatch(5, kFlushed), true);  // runs the executable 5 only
+        q.processEvents();                           // only the events queued when it began
+        EXPECT_EQ(l.trace(), (Ints{5, 3, 6, 4}));
+        q.processEvents();
+        post(new TestEvent(l, 12));  // left for the destructor
+        EXPECT_EQ(l.trace(), (Ints{5, 3, 6, 4, 10, 11}));
+        EXPECT_EQ(l.told(), (Ints{1, 2, 1}));
+    }
+    EXPECT_TRUE(l.fates[kReplaced] == 2 && l.fates[kFlushed] == 2 && l.fates[kRefused] == 1);
+    EXPECT_TRUE(l.handlers == 1 && l.destroyed() == l.created && Info::alive == 0);
+}
+
+TEST(EventQueueReentryTest, MatchMergeAndDestructorsMayPostFlushAndProcessTheirOwnQueue) {
+    Ledger l;
+    {
+        EventQueue q(new Handler(l), {});
+        const auto post = [&](int key, const IMatchEventFcn* match = nullptr,
+                              const IMergeEventInfoFcn* merge = nullptr) {
+            q.postEvent(new TestEvent(l, key, new Info(false)), match, merge);
+        };
+        const KeyMatch key100(100, kFlushed);
+        for (int key : {1, 2, 3})
+            post(key);
+        // Posts enough on its first call to move the list's storage, and is
+        // asked only about the events queued when the walk began.
+        int calls = 0;
+        const Match grow([&](TestEvent& e) {
+            if (calls++ == 0)
+                for (int i = 0; i < 1000; ++i)
+                    post(100);
+            return e.key == 3;
+        });
+        post(4, &grow);  // 1 2 4
+        EXPECT_EQ(calls, 3);
+        q.flushEvents(key100, false);
+        // Flushes the event it accepts: nothing is left to replace, so 5 is appended.
+        const Match flushing([&](TestEvent& e) {
+            const bool hit = e.key == 2;
+            if (hit)
+                q.flushEvents(KeyMatch(2, kFlushed), false);
+            return hit;
+        });
+        post(5, &flushing);  // 1 4 5
+        // The merge flushes the matched event: 6 is appended.
+        const Merge flushMatched([&] { q.flushEvents(KeyMatch(5, kFlushed), false); });
+        const Match takes5([](TestEvent& e) { return e.key == 5; });
+        post(6, &takes5, &flushMatched);  // 1 4 6
+        // A replaced event whose destructor posts to and flushes its queue.
+        q.postEvent(new Hooked(l, 7,
+                               [&] {
+                                   post(8);
+                                   q.flushEvents(KeyMatch(1, kFlushed), false);
+                               }),
+                    nullptr, nullptr);
+        const Match takes7([](TestEvent& e) { return e.key == 7; });
+        post(9, &takes7);  // 4 6 9 8
+        // A pass run from inside the walk serves everything, the walk then
+        // finds its event gone: 10 is appended to the empty queue.
+        const Match processing([&](TestEvent&) {
+            q.processEvents();
+            return true;
+        });
+        post(10, &processing);
+        EXPECT_EQ(l.trace(), (Ints{4, 6, 9, 8}));
+        // A flush whose match coalesces into the same queue, and flushes an
+        // event it has accepted: that one is no longer the outer flush's.
+        post(11);
+        post(12);
+        const Match takes12([](TestEvent& e) { return e.key == 12; });
+        const Match nested([&](TestEvent& e) {
+            const int key = e.key;
+            if (key == 10)
+                post(13, &takes12);  // 10 11 13
+            if (key == 13)
+                q.flushEvents(KeyMatch(11, kFlushed), false);
+            return key == 10 || key == 11;
+        });
+        q.flushEvents(nested, true);  // runs 10
+        q.processEvents();
+        EXPECT_EQ(l.trace(), (Ints{4, 6, 9, 8, 10, 13}));
+        post(15);  // left for the destructor
+    }
+    EXPECT_TRUE(l.fates[kWrong] == 0 && l.destroyed() == l.created && Info::alive == 0);
+}
+
+// A queue of one event into which a post coalesces: the handler, told when
+// that event arrived, is not told again; the end of a pass still tells it
+// about one coalesced during the pass.
+TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerExactlyAsNeeded) {
+    Ledger l;
+    {
+        EventQueue q(new Handler(l), {});
+        const KeyMatch any(-1);
+        q.postEvent(new TestEvent(l, 1), &any, nullptr);
+        q.postEvent(new TestEvent(l, 2), &any, nullptr);  // replaces 1
+        EXPECT_EQ(l.told(), Ints{1});
+        auto* third = new TestEvent(l, 3);
+        third->onExecute = [&] {
+            q.postEvent(new TestEvent(l, 4), nullptr, nullptr);
+            q.postEvent(new TestEvent(l, 5), &any, nullptr);  // replaces 4
+            return true;
+        };
+        q.postEvent(third, nullptr, nullptr);  // after 2
+        q.processEvents();
+        EXPECT_EQ(l.told(), (Ints{1, 1}));  // one event left after the pass
+        q.processEvents();
+        EXPECT_EQ(l.trace(), (Ints{2, 3, 5}));
+        q.postEvent(new TestEvent(l, 6), &any, nullptr);  // empty again: told
+        EXPECT_EQ(l.told(), (Ints{1, 1, 1}));
+    }
+    {
+        // A handler that throws: the post's event stays queued, the pass ends.
+        auto* handler = new Handler(l);
+        handler->onNotify = [] { throw 1; };
+        EventQueue q(handler, {});
+        EXPECT_THROW(q.postEvent(new TestEvent(l, 7), nullptr, nullptr), int);
+        auto* posting = new TestEvent(l, 8);
+        posting->onExecute = [&] {
+            q.postEvent(new TestEvent(l, 9), nullptr, nullptr);  // told at the pass's end
+            return true;
+        };
+        q.postEvent(posting, nullptr, nullptr);
+        EXPECT_THROW(q.processEvents(), int);
+        q.processEvents();  // not taken for a pass still running
+        EXPECT_EQ(l.trace(), (Ints{2, 3, 5, 7, 8, 9}));
+    }
+    EXPECT_TRUE(l.destroyed() == l.created && l.fates[kWrong] == 0);
+}
