@@ -1,15 +1,29 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <optional>
+#include <string>
 #include <thread>
 
+#include "kestrel/events.h"
 #include "kestrel/threads.h"
 #include "support/timing.h"
 
 #if defined(__linux__)
 #include <sys/resource.h>
-#elif defined(_WIN32)
+#endif
+#if defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
 #include <windows.h>
+
+#include <cstring>
+#else
+#include <pthread.h>
 #endif
 
 using namespace kestrel;
@@ -83,3 +97,99 @@ TEST(ThreadTest, StartsAtItsPriority) {
         EXPECT_EQ(priorityAfterStart(priority), level) << priority;
 }
 #endif
+
+// The calling thread's name as the system reports it, in UTF-8; nothing
+// where the system keeps no names.
+static std::optional<std::string> systemThreadName() {
+#if defined(_WIN32)
+    using GetDescription = HRESULT(WINAPI*)(HANDLE, PWSTR*);
+    const FARPROC found =
+        ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription");
+    GetDescription get = nullptr;
+    std::memcpy(&get, &found, sizeof get);
+    PWSTR wide = nullptr;
+    if (get == nullptr || FAILED(get(::GetCurrentThread(), &wide)) || wide == nullptr)
+        return std::nullopt;
+    char name[256] = {};
+    ::WideCharToMultiByte(CP_UTF8, 0, wide, -1, name, sizeof name - 1, nullptr, nullptr);
+    ::LocalFree(wide);
+    return std::string(name);
+#else
+    char name[16] = {};
+    if (pthread_getname_np(pthread_self(), name, sizeof name) != 0)
+        return std::nullopt;
+    return std::string(name);
+#endif
+}
+
+// Each kind of thread has its own default name; a name set before a start is
+// the one that start gives, cut for Linux's 15 bytes at a character boundary.
+TEST(ThreadTest, DefaultsAndNamesSetBeforeAStartReachTheSystem) {
+    if (!systemThreadName())
+        GTEST_SKIP() << "this system keeps no thread names";
+    struct Plain : Thread {
+        std::optional<std::string> seen;
+        bool run() override { return bool(seen = systemThreadName()); }
+    } plain;
+    struct Work : WorkThread {
+        std::optional<std::string> seen;
+        ~Work() override { stop(); }
+        void starting() override { seen = systemThreadName(); }
+        void running() override { wait(Thread::INFINITE_SECONDS); }
+    } work;
+    struct Timer : TimerThread {
+        std::optional<std::string> seen;
+        Event ran;
+        Timer() : TimerThread(FIXED_RATE, 0.001) {}
+        ~Timer() override { stop(); }
+        void executing() override {
+            seen = systemThreadName();
+            ran.signal();
+            waitUntilStop();
+        }
+    } timer;
+    struct Name : IEvent {
+        explicit Name(std::optional<std::string>& s) : seen(s) {}
+        bool execute() override { return bool(seen = systemThreadName()); }
+        std::optional<std::string>& seen;
+    };
+    EventThread events(EventThread::PROCESS_PENDING_EVENTS);
+    const auto eventsName = [&] {
+        std::optional<std::string> seen;
+        EXPECT_TRUE(events.start());
+        (new Name(seen))->postEvent(events);
+        events.stop();  // runs what is queued first
+        return seen;
+    };
+    ASSERT_TRUE(plain.start());
+    plain.join();
+    EXPECT_EQ(plain.seen, "kestrel-thread");
+    ASSERT_TRUE(work.start() && timer.start());
+    timer.ran.wait();
+    EXPECT_TRUE(work.seen == "kestrel-work" && timer.seen == "kestrel-timer");
+    EXPECT_TRUE(work.stop() && timer.stop());
+    EXPECT_EQ(eventsName(), "kestrel-event");
+    events.setThreadName("render");
+    EXPECT_EQ(events.getThreadName(), "render");
+    EXPECT_EQ(eventsName(), "render");
+
+    // Byte 15 falls inside the third euro sign; a two-byte character ends at it.
+    const struct {
+        std::string name, onLinux;
+    } cases[] = {
+        {"abcdefghijklmnopqrstuvwxyz", "abcdefghijklmno"},
+        {"kestrel-\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC", "kestrel-\xE2\x82\xAC\xE2\x82\xAC"},
+        {"kestrel-x\xC3\xA4\xC3\xB6\xC3\xBC\xC3\xA4", "kestrel-x\xC3\xA4\xC3\xB6\xC3\xBC"},
+        {std::string("cut\0here", 8), "cut"},
+    };
+    for (const auto& c : cases) {
+        work.setThreadName(c.name);
+        ASSERT_TRUE(work.start());
+#if defined(_WIN32)
+        EXPECT_EQ(work.seen, c.name.substr(0, c.name.find('\0')));
+#else
+        EXPECT_EQ(work.seen, c.onLinux);
+#endif
+        work.stop();
+    }
+}
