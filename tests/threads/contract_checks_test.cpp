@@ -31,15 +31,14 @@ class ContractChecksTest : public testing::Test {
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-// running() returns at once, so the loop calls it again and again: the
-// destruction meets the thread between calls or inside one.
+// Deleted after the time given: between or inside the calls of running(),
+// which returns at once, or while the thread waits.
 struct Spinner : WorkThread {
     void running() override {}
 };
 
 struct Sleeper : WorkThread {
-    Event never;
-    void running() override { wait(never); }
+    void running() override { wait(Thread::INFINITE_SECONDS); }
 };
 
 struct Ticker : TimerThread {
@@ -47,7 +46,7 @@ struct Ticker : TimerThread {
     void executing() override {}
 };
 
-// Its own hooks break the rules; its destructor keeps them.
+// Their own hooks break the rules; their destructors keep them.
 struct SelfStopper : WorkThread {
     ~SelfStopper() override { stop(); }
     void running() override {
@@ -56,134 +55,89 @@ struct SelfStopper : WorkThread {
     }
 };
 
-struct PeriodChanger : TimerThread {
-    PeriodChanger() : TimerThread(FIXED_RATE, 0.001) {}
-    ~PeriodChanger() override { stop(); }
-    void executing() override { setPeriod(getPeriod() * 2); }
-    void stopSelf() { stop(); }
-};
-
 struct SelfStoppingTimer : TimerThread {
     SelfStoppingTimer() : TimerThread(FIXED_RATE, 0.001) {}
     ~SelfStoppingTimer() override { stop(); }
     void executing() override { stop(); }
 };
 
-struct StopEvent : IEvent {
-    explicit StopEvent(EventThread& thread) : _thread(thread) {}
-    bool execute() override { return _thread.stop(); }
-    EventThread& _thread;
+struct PeriodChanger : TimerThread {
+    PeriodChanger() : TimerThread(FIXED_RATE, 0.001) {}
+    ~PeriodChanger() override { stop(); }
+    void executing() override { setPeriod(getPeriod() * 2); }
 };
+
+template <class T>
+void startAndDelete(double seconds) {
+    auto* thread = new T;
+    thread->start();
+    Thread::sleep(seconds);
+    delete thread;
+}
+
+template <class T>
+void startAndWait() {
+    T thread;
+    thread.start();
+    Thread::sleep(1.0);
+}
 
 const char* const kWorkThreadDestroyed =
     "kestrel: WorkThread destroyed while its thread is running: call stop.. in the destructor "
     "of your subclass .see kestrel/threads.h, WorkThread.";
-const char* const kTimerThreadDestroyed =
-    "kestrel: TimerThread destroyed while its thread is running: call stop.. in the destructor "
-    "of your subclass .see kestrel/threads.h, TimerThread.";
 const char* const kStopFromItself = "kestrel: WorkThread::stop.. called on the work thread itself";
 
 }  // namespace
 
 // A subclass that does not stop in its destructor gets the message, not a
-// crash in a hook that is gone, whether its thread runs or waits.
-TEST_F(ContractChecksTest, DestroyingARunningWorkThreadOrTimerThreadNamesTheMissingStop) {
+// crash in a hook that is gone.
+TEST_F(ContractChecksTest, DestroyingARunningThreadNamesTheMissingStopOrJoin) {
     for (int round = 0; round < 3; ++round) {
-        EXPECT_DEATH(
-            {
-                auto* spinner = new Spinner;
-                spinner->start();
-                Thread::sleep(0.001 * round);
-                delete spinner;
-            },
-            kWorkThreadDestroyed);
+        EXPECT_DEATH(startAndDelete<Spinner>(0.001 * round), kWorkThreadDestroyed);
+        EXPECT_DEATH(startAndDelete<Ticker>(0.002 * round),
+                     "kestrel: TimerThread destroyed while its thread is running: call stop.. in "
+                     "the destructor of your subclass .see kestrel/threads.h, TimerThread.");
     }
-    EXPECT_DEATH(
-        {
-            auto* sleeper = new Sleeper;
-            sleeper->start();
-            delete sleeper;
-        },
-        kWorkThreadDestroyed);
-    for (int round = 0; round < 3; ++round) {
-        EXPECT_DEATH(
-            {
-                auto* ticker = new Ticker;
-                ticker->start();
-                Thread::sleep(0.002 * round);
-                delete ticker;
-            },
-            kTimerThreadDestroyed);
-    }
-    // Stopped first: no message, in either order of the calls.
-    auto* ticker = new Ticker;
-    EXPECT_TRUE(ticker->start());
-    EXPECT_TRUE(ticker->stop());
-    delete ticker;
-}
-
-// Operations that would join the thread from itself.
-TEST_F(ContractChecksTest, StopOrSetPeriodOnTheThreadItselfIsReported) {
-    EXPECT_DEATH(
-        {
-            SelfStopper thread;
-            thread.start();
-            Thread::sleep(1.0);
-        },
-        kStopFromItself);
-    EXPECT_DEATH(
-        {
-            SelfStoppingTimer timer;
-            timer.start();
-            Thread::sleep(1.0);
-        },
-        kStopFromItself);
-    EXPECT_DEATH(
-        {
-            EventThread thread;
-            thread.start();
-            thread.postEvent(new StopEvent(thread), nullptr, nullptr);
-            Thread::sleep(1.0);
-        },
-        kStopFromItself);
-    EXPECT_DEATH(
-        {
-            PeriodChanger timer;
-            timer.start();
-            Thread::sleep(1.0);
-        },
-        "kestrel: TimerThread::setPeriod.. called on the timer thread .from executing..., "
-        "where restarting would join the thread itself");
-    // The owner may change the period of a running timer.
-    PeriodChanger timer;
-    EXPECT_TRUE(timer.start());
-    timer.stopSelf();
-}
-
-TEST_F(ContractChecksTest, ThreadDestroyedUnjoinedOrJoiningItselfIsReported) {
+    EXPECT_DEATH(startAndDelete<Sleeper>(0.0), kWorkThreadDestroyed);
     struct Quick : Thread {
         bool run() override { return true; }
     };
+    EXPECT_DEATH(startAndDelete<Quick>(0.0),
+                 "kestrel: Thread destroyed while its thread was started and not joined");
+    // The owner may change the period of a running timer, and delete it stopped.
+    Ticker ticker;
+    ASSERT_TRUE(ticker.start());
+    ticker.setPeriod(0.002);
+    EXPECT_TRUE(ticker.stop());
+}
+
+// Operations that would join the thread from itself.
+TEST_F(ContractChecksTest, StopSetPeriodOrJoinOnTheThreadItselfIsReported) {
+    EXPECT_DEATH(startAndWait<SelfStopper>(), kStopFromItself);
+    EXPECT_DEATH(startAndWait<SelfStoppingTimer>(), kStopFromItself);
     EXPECT_DEATH(
         {
-            auto* thread = new Quick;
-            thread->start();
-            delete thread;
+            struct StopEvent : IEvent {
+                explicit StopEvent(EventThread& t) : thread(t) {}
+                bool execute() override { return thread.stop(); }
+                EventThread& thread;
+            };
+            EventThread thread;
+            thread.start();
+            (new StopEvent(thread))->postEvent(thread);
+            Thread::sleep(1.0);
         },
-        "kestrel: Thread destroyed while its thread was started and not joined");
+        kStopFromItself);
+    EXPECT_DEATH(startAndWait<PeriodChanger>(),
+                 "kestrel: TimerThread::setPeriod.. called on the timer thread .from "
+                 "executing..., where restarting would join the thread itself");
     struct SelfJoiner : Thread {
         bool run() override {
             join();
             return true;
         }
     };
-    EXPECT_DEATH(
-        {
-            SelfJoiner thread;
-            thread.start();
-            Thread::sleep(1.0);
-        },
-        "kestrel: Thread::join.. called on the thread itself");
+    EXPECT_DEATH(startAndWait<SelfJoiner>(), "kestrel: Thread::join.. called on the thread itself");
 }
 
 TEST_F(ContractChecksTest, EventManagerMadeOrDestroyedOffItsProcessingThreadIsReported) {
