@@ -2,6 +2,9 @@
 // merge objects, destructors, handlers and events that re-enter the queue.
 #include <gtest/gtest.h>
 
+#include <numeric>
+#include <stdexcept>
+
 #include "support/event_fakes.h"
 
 using namespace kestrel;
@@ -162,4 +165,73 @@ TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerEx
         EXPECT_EQ(l.trace(), (Ints{2, 3, 5, 7, 8, 9}));
     }
     EXPECT_TRUE(l.destroyed() == l.created && l.fates[kWrong] == 0);
+}
+
+// Every event handed over counts as posted, then under exactly one fate.
+TEST(EventQueueCountersTest, EachEventCountsOnceUnderItsFate) {
+    Ledger l;
+    EventQueue q(nullptr, {});
+    const KeyMatch match1(1);
+    const auto post = [&](int key, const IMatchEventFcn* match = nullptr) {
+        auto* e = new TestEvent(l, key);
+        q.postEvent(e, match, nullptr);
+        return e;
+    };
+    q.postEvent(nullptr, nullptr, nullptr);  // not an event: not counted
+    post(1, &match1);
+    post(1, &match1);  // replaces the first
+    post(2);
+    post(3)->executable = false;
+    post(4)->onExecute = []() -> bool { throw 4; };  // still executed
+    const Match throwing([](TestEvent&) -> bool { throw std::runtime_error("match"); });
+    EXPECT_THROW(post(5, &throwing), std::runtime_error);
+    EXPECT_EQ(counts(q.getCounters()), (Counts{6, 0, 1, 0, 1}));
+    q.processEvents();
+    EXPECT_EQ(counts(q.getCounters()), (Counts{6, 3, 1, 0, 2}));
+
+    // Flushes without service, serving an executable and a non-executable
+    // event, and one whose match throws after accepting one.
+    for (int key : {7, 8, 9, 10, 11})
+        post(key);
+    q.flushEvents(KeyMatch(7, kFlushed), false);
+    post(12)->executable = false;
+    q.flushEvents(KeyMatch(8, kFlushed), true);
+    q.flushEvents(KeyMatch(12, kFlushed), true);
+    int asked = 0;
+    const KeyMatch thenThrow(9, kFlushed, [&] {
+        if (++asked == 2)
+            throw std::runtime_error("flush");
+    });
+    EXPECT_THROW(q.flushEvents(thenThrow, true), std::runtime_error);
+    EXPECT_EQ(counts(q.getCounters()), (Counts{12, 4, 1, 4, 5}));  // 10 and 11 still queued
+    EXPECT_TRUE(l.fates[kExecuted] == 4 && l.fates[kReplaced] == 1);
+}
+
+// During the pass the executed first event appends 40 more while the head
+// moves on: the storage wraps and grows with its head inside.
+TEST(EventQueueCountersTest, TheQueueKeepsItsOrderWhileItsStorageWrapsAndGrows) {
+    Ledger l;
+    EventQueue q(nullptr, {});
+    auto* first = new TestEvent(l, 0);
+    first->onExecute = [&] {
+        for (int key = 100; key < 140; ++key)
+            q.postEvent(new TestEvent(l, key), nullptr, nullptr);
+        return true;
+    };
+    q.postEvent(first, nullptr, nullptr);
+    for (int key = 1; key < 10; ++key)
+        q.postEvent(new TestEvent(l, key), nullptr, nullptr);
+    q.processEvents();
+    const KeyMatch match120(120);
+    q.postEvent(new TestEvent(l, 200), &match120, nullptr);  // takes 120's place
+    q.flushEvents(KeyMatch(130, kFlushed), false);
+    q.processEvents();
+    Ints expected(10);
+    std::iota(expected.begin(), expected.end(), 0);
+    for (int key = 100; key < 140; ++key) {
+        if (key != 130)
+            expected.push_back(key == 120 ? 200 : key);
+    }
+    EXPECT_EQ(l.trace(), expected);
+    EXPECT_EQ(counts(q.getCounters()), (Counts{51, 49, 1, 1, 1}));
 }

@@ -139,3 +139,70 @@ TEST(EventThreadTest, IdleEventThreadsNeverWake) {
     }
     expectIdle(tids);
 }
+
+// A stopped thread refuses posts; the counts add up over its runs and may be
+// read from under the queue's lock, by a match object.
+TEST(EventThreadTest, CountsItsRunsAndItsRefusals) {
+    Ledger l;
+    EventThread thread;
+    const KeyMatch match1(1);
+    thread.postEvent(new TestEvent(l, 1), nullptr, nullptr);  // not running: refused
+    EXPECT_EQ(counts(thread.getCounters()), (Counts{1, 0, 0, 0, 1}));
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_TRUE(thread.start());
+        std::atomic<bool> release{false};  // holds the others in the queue
+        auto* gate = new TestEvent(l, 0);
+        gate->onExecute = [&] { return waitFor([&] { return release.load(); }); };
+        thread.postEvent(gate, nullptr, nullptr);
+        thread.postEvent(new TestEvent(l, 1), &match1, nullptr);
+        thread.postEvent(new TestEvent(l, 1), &match1, nullptr);  // coalesces
+        thread.postEvent(new TestEvent(l, 2), nullptr, nullptr);
+        thread.flushEvents(KeyMatch(2, kFlushed));
+        thread.flushEvents(Match([&](TestEvent&) {
+            const EventThread::Counters c = thread.getCounters();
+            return c.posted < c.executed + c.coalesced + c.discarded;
+        }));
+        release = true;
+        thread.stop();
+    }
+    const EventThread::Counters c = thread.getCounters();
+    EXPECT_TRUE(c.posted == 9 && c.flushed == 2);
+    EXPECT_EQ(c.posted, c.executed + c.coalesced + c.discarded);
+    EXPECT_EQ(static_cast<int>(c.executed), l.fates[kExecuted].load());
+    EXPECT_EQ(static_cast<int>(c.coalesced), l.fates[kReplaced].load());
+    EXPECT_EQ(l.destroyed(), 9);
+}
+
+TEST(EventThreadTest, ReadingsWhileEventsFlowNeverShowAnEventLeavingBeforeItsPost) {
+    Ledger l;
+    EventThread thread;
+    ASSERT_TRUE(thread.start());
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        for (EventThread::Counters last; !done;) {
+            const EventThread::Counters c = thread.getCounters();
+            ASSERT_GE(c.posted, c.executed + c.coalesced + c.discarded);
+            ASSERT_TRUE(c.posted >= last.posted && c.executed >= last.executed);
+            last = c;
+        }
+    });
+    const KeyMatch match(3);
+    std::thread other([&] {
+        for (int i = 0; i < 2000; ++i)
+            thread.postEvent(new TestEvent(l, i % 5), &match, nullptr);
+    });
+    for (int i = 0; i < 2000; ++i)
+        thread.postEvent(new TestEvent(l, i), nullptr, nullptr);
+    other.join();
+    thread.stop();
+    done = true;
+    reader.join();
+    const EventThread::Counters c = thread.getCounters();
+    EXPECT_TRUE(c.posted == 4000 && c.posted == c.executed + c.coalesced + c.discarded);
+
+    EventManager* manager = EventManager::createInstance(nullptr);  // shows its queue's counts
+    manager->postEvent(new TestEvent(l, 1), nullptr, nullptr);
+    manager->processEvents();
+    EXPECT_EQ(counts(manager->getCounters()), (Counts{1, 1, 0, 0, 0}));
+    EventManager::destroyInstance();
+}

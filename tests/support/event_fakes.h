@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <numeric>
 #include <thread>
@@ -118,5 +119,11 @@ struct Handler : kestrel::EventQueue::IEventQueueHandler {
     Ledger& ledger;
     std::function<void()> onNotify = [] {};  // runs under the queue's lock
 };
+
+// posted, executed, coalesced, flushed and discarded.
+using Counts = std::vector<std::uint64_t>;
+inline Counts counts(const kestrel::EventQueue::Counters& c) {
+    return {c.posted, c.executed, c.coalesced, c.flushed, c.discarded};
+}
 
 }  // namespace kestrel_test
