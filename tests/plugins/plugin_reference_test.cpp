@@ -6,7 +6,9 @@
 #include <fl/i18n.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kestrel/plugins.h"
@@ -242,6 +244,62 @@ TEST(PluginReferenceTest, RelativePathsLoadTheFileInTheCurrentDirectory) {
     fs::current_path(previous);
     EXPECT_EQ(verified, full);
     EXPECT_EQ(outcome, "13");
+}
+
+// Each kind of failure keeps its fixed exception and says why in the reason;
+// the next successful load clears it, and a move takes it along.
+TEST(PluginReferenceTest, SaysWhyEachLoadFailedAndForgetsItOnSuccess) {
+    const kestrel_test::ScopedTmpdir tmp;
+    const std::string notLibrary = tmp.path() + "/not_a_library.dll";
+    std::ofstream(notLibrary) << "just text\n";
+    PluginReference reference(true, std::make_unique<kestrel::NoOpVerificationStrategy>());
+    EXPECT_EQ(reference.getLastLoadFailureReason(), "");
+    const auto load = [&](const std::string& path, const char* entry) {  // "<id> <reason>"
+        try {
+            reference.load(fl::i18n::to_ustring(path), entry, u"");
+            return "loaded " + reference.getLastLoadFailureReason();
+        } catch (const KSException& e) {
+            return std::string(e.getID()) + " " + reference.getLastLoadFailureReason();
+        }
+    };
+    const std::string notLoaded = std::string(kNotLoaded) + " ";
+    EXPECT_EQ(load(kDir + "/no_such_plugin", kEntry),
+              notLoaded + "file not found: " + kDir + "/no_such_plugin.dll");
+    const std::string text = load(notLibrary, kEntry);
+    const std::string dependency = load(kDependent, kEntry);  // needs a search path
+    const std::string entry = load(kEntryPlugin, "noSuchEntry");
+    EXPECT_TRUE(text.rfind(notLoaded, 0) == 0 && text.size() > notLoaded.size()) << text;
+    EXPECT_EQ(text.find("file not found"), std::string::npos) << text;
+    EXPECT_TRUE(dependency.rfind(notLoaded, 0) == 0 && dependency != text) << dependency;
+    const std::string noEntry =
+        "corvane:plugin:symbolNotFound entry point not found: noSuchEntry (";
+    EXPECT_TRUE(entry.rfind(noEntry, 0) == 0 && entry.size() > noEntry.size() + 1) << entry;
+#if !defined(_WIN32)
+    // The system's own words: what is wrong with the file, which library is missing.
+    EXPECT_NE(text.find(notLibrary), std::string::npos) << text;
+    EXPECT_NE(dependency.find("plugin_dependency"), std::string::npos) << dependency;
+    EXPECT_NE(entry.find("noSuchEntry)"), std::string::npos) << entry;
+#endif
+    PluginReference moved(std::move(reference));
+    EXPECT_EQ("corvane:plugin:symbolNotFound " + moved.getLastLoadFailureReason(), entry);
+    EXPECT_EQ(reference.getLastLoadFailureReason(), "");  // NOLINT(bugprone-use-after-move)
+    moved.load(u(kEntryPlugin), kEntry, u"");
+    EXPECT_EQ(moved.getLastLoadFailureReason(), "");
+}
+
+// A failed PluginLoader leaves no object to ask: the calling thread keeps
+// the reason of its last load.
+TEST(PluginLoaderTest, LoadFailureReasonIsPerThreadAndClearedBySuccess) {
+    const std::string missing = kDir + "/no_such_plugin";
+    EXPECT_THROW(PluginLoader(missing, kEntry, true, u""), KSException);
+    EXPECT_EQ(PluginLoader::getLastLoadFailureReason(), "file not found: " + missing + ".dll");
+    EXPECT_THROW(PluginLoader(std::string("bad\xff"), kEntry, true, u""), KSException);
+    EXPECT_EQ(PluginLoader::getLastLoadFailureReason(), "the path is not valid UTF-8 text: bad");
+    std::string otherThread = "unset";
+    std::thread([&] { otherThread = PluginLoader::getLastLoadFailureReason(); }).join();
+    EXPECT_EQ(otherThread, "");
+    const PluginLoader loaded(kEntryPlugin, kEntry, true, u"");
+    EXPECT_EQ(PluginLoader::getLastLoadFailureReason(), "");
 }
 
 }  // namespace
