@@ -51,29 +51,25 @@ TEST(RecursiveMutexTest, OwnerReentersOthersWaitForTheLastUnlockAndSleepersAreWo
 
     // Contenders, some of them sleeping, some nesting: every increment of a
     // plain counter is kept.
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 20000;
+    constexpr int kThreads = 4, kRounds = 20000;
     long counter = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kRounds; ++i) {
                 mutex.lock();
-                if ((i + t) % 64 == 0) {
+                if ((i + t) % 64 == 0) {  // nested, and held long enough to make others sleep
                     mutex.lock();
-                    std::this_thread::yield();  // held long enough to make others sleep
-                    ++counter;
+                    std::this_thread::yield();
                     mutex.unlock();
-                } else {
-                    ++counter;
                 }
+                ++counter;  // still held
                 mutex.unlock();
             }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
 }
 

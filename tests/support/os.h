@@ -1,15 +1,12 @@
 // What the tests need to know or do that differs between operating systems,
 // gathered in one place: environment variables, the loader's view of loaded
-// libraries, system error codes and texts, and the debugger output.
+// libraries, system error codes and texts.
 #pragma once
 
 #include <fl/i18n.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <optional>
 #include <string>
 
 #include "platform/system_error.h"
@@ -24,9 +21,6 @@
 #include <windows.h>
 #else
 #include <dlfcn.h>
-#include <sys/ptrace.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -73,28 +67,6 @@ inline std::string systemText(ErrorCode code) {
     return narrow;
 }
 
-// What the system's debugger output received while body ran, as an
-// attached debugger sees it. Windows 10 raises the wide debug-string
-// exception and, when no one takes it, the narrow one; Wine raises only the
-// narrow one. A handler that sees the exceptions first takes the narrow one.
-inline std::optional<std::string> debuggerOutputOf(const std::function<void()>& body) {
-    static thread_local std::string* received = nullptr;
-    std::string text;
-    received = &text;
-    PVOID handler = ::AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* info) -> LONG {
-        const EXCEPTION_RECORD& record = *info->ExceptionRecord;
-        if (received == nullptr || record.ExceptionCode != DBG_PRINTEXCEPTION_C) {
-            return EXCEPTION_CONTINUE_SEARCH;
-        }
-        *received += reinterpret_cast<const char*>(record.ExceptionInformation[1]);
-        return EXCEPTION_CONTINUE_EXECUTION;
-    });
-    body();
-    ::RemoveVectoredExceptionHandler(handler);
-    received = nullptr;
-    return text;
-}
-
 // True when the library at path is loaded in the process.
 inline bool isLibraryLoaded(const std::string& path) {
     std::wstring wide = fl::i18n::to_wstring(fl::i18n::to_ustring(path));
@@ -118,39 +90,6 @@ inline void unsetEnv(const char* name) {
 // The C library's text for an errno value.
 inline std::string systemText(ErrorCode code) {
     return std::strerror(static_cast<int>(code));
-}
-
-// What the system's debugger output received while body ran, as an
-// attached debugger sees it: body runs in a child process that this process
-// traces, and the child's standard error is collected. Nothing when the
-// system does not allow tracing.
-inline std::optional<std::string> debuggerOutputOf(const std::function<void()>& body) {
-    std::FILE* output = std::tmpfile();
-    if (output == nullptr) {
-        return std::nullopt;
-    }
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::dup2(::fileno(output), STDERR_FILENO);
-        const bool traced = ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0;
-        if (traced) {
-            body();
-        }
-        ::_exit(traced ? 0 : 1);
-    }
-    int status = 0;
-    while (child > 0 && ::waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
-        const auto signal = static_cast<long>(WSTOPSIG(status));
-        ::ptrace(PTRACE_CONT, child, nullptr, reinterpret_cast<void*>(signal));
-    }
-    std::string text(4096, '\0');
-    std::rewind(output);
-    text.resize(std::fread(text.data(), 1, text.size(), output));
-    std::fclose(output);
-    if (child <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        return std::nullopt;
-    }
-    return text;
 }
 
 inline bool isLibraryLoaded(const std::string& path) {

@@ -109,52 +109,42 @@ TEST(TimestampTest, TheRealClockGivesTheSystemTimeInFineSteps) {
 // them at once. A reading here that sees its sources retired while it runs
 // is one that the replacement did not wait for.
 TEST(TestingClockTest, ReplacedSourcesAreNoLongerReadOnceTheReplacementReturns) {
+    std::atomic<int> lateReadings{0};
     struct Sources : kestrel::testing::ClockSources {
+        explicit Sources(std::atomic<int>& l) : late(l) {}
         std::int64_t wallTicks() override { return check(wall += 10000); }  // 1 ms steps
         std::int64_t wallTicksAtTimeZero() override { return 0; }
         std::int64_t steadyNanoseconds() override { return check(steady += 1000); }
         std::int64_t check(std::int64_t value) {
             // Long enough for a replacement to overlap most readings.
             std::this_thread::sleep_for(std::chrono::microseconds(100));
-            if (retired) {
-                ++lateReadings;
-            }
+            late += retired ? 1 : 0;
             return value;
         }
         std::atomic<std::int64_t> wall{17000000000000000}, steady{0};
         std::atomic<bool> retired{false};
-        std::atomic<int> lateReadings{0};
+        std::atomic<int>& late;
     };
     std::atomic<bool> done{false};
     std::atomic<long> readings{0};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 2; ++i) {
-        readers.emplace_back([&] {
-            while (!done) {
-                Timestamp();
-                ++readings;
-            }
-        });
-    }
-    std::vector<std::unique_ptr<Sources>> all;
+    const auto read = [&] {
+        for (; !done; ++readings)
+            Timestamp();
+    };
+    std::thread readers[2] = {std::thread(read), std::thread(read)};
+    std::unique_ptr<Sources> all[100];
     for (int i = 0; i < 100; ++i) {
-        all.push_back(std::make_unique<Sources>());
-        kestrel::testing::setClockSources(all.back().get());
-        if (all.size() > 1) {
-            all[all.size() - 2]->retired = true;
-        }
+        all[i] = std::make_unique<Sources>(lateReadings);
+        kestrel::testing::setClockSources(all[i].get());
+        if (i > 0)
+            all[i - 1]->retired = true;
         const long seen = readings;
         waitFor([&] { return readings > seen + 2; });
     }
     kestrel::testing::setClockSources(nullptr);
-    all.back()->retired = true;
+    all[99]->retired = true;
     done = true;
-    for (std::thread& reader : readers) {
+    for (std::thread& reader : readers)
         reader.join();
-    }
-    int late = 0;
-    for (const auto& sources : all) {
-        late += sources->lateReadings;
-    }
-    EXPECT_EQ(late, 0);
+    EXPECT_EQ(lateReadings, 0);
 }
