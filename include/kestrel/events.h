@@ -315,6 +315,16 @@ class KESTREL_API EventQueue {
         // order of the others.
         template <typename Predicate>
         void removeIf(Predicate remove);
+        // Puts event at position at (< size()) in place of the event there.
+        void replace(std::size_t at, IEvent* event) {
+            (*this)[at] = event;
+            ++_moves;
+        }
+        // Changes with every pop, replacement and removal, which move events
+        // to other positions or out of the list (appends move nothing): a
+        // walk that calls caller code learns from it whether the position it
+        // stands on still holds the event it asked about.
+        std::size_t moves() const { return _moves; }
 
       private:
         void grow();
@@ -323,6 +333,7 @@ class KESTREL_API EventQueue {
         std::size_t _mask = 0;  // capacity - 1; the capacity is a power of two (or 0)
         std::size_t _head = 0;
         std::size_t _size = 0;
+        std::size_t _moves = 0;
     };
     enum EventAction : std::int32_t { EVENT_POSTED = 1, EVENTS_PROCESSED = 2 };
     // A count that only the holder of the queue's lock changes, and that any

@@ -20,7 +20,13 @@ namespace detail {
 //
 // _state is 0 when free, 1 when held, 2 when held and a thread may sleep on
 // it. A thread that finds it held retries for a moment (the sections under
-// these mutexes are a few dozen instructions long), then sleeps on _wake;
+// these mutexes are a few dozen instructions long), then yields the CPU a few
+// times, each followed by one more try: a holder that lost its CPU in the
+// middle of a section (three threads on two cores, or a machine shared with
+// other work) is most often waiting for the very CPU the retrying thread
+// holds, and a yield hands it over for the price of one system call, where
+// a sleep costs the sleeper a futex wait and the holder a futex wake, each
+// with a context switch. Then it sleeps on _wake;
 // the releasing thread wakes one sleeper only when _state says there may be
 // one. The sleeper sets _state to 2 under _sleepMutex before it sleeps, and
 // the releaser takes _sleepMutex before it notifies, so no wake-up is lost.
@@ -75,6 +81,7 @@ class KESTREL_CAPABILITY("mutex") RecursiveMutex {
 
   private:
     static constexpr int kAttemptsBeforeSleeping = 64;
+    static constexpr int kYieldsBeforeSleeping = 4;
 
     static void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -89,6 +96,12 @@ class KESTREL_CAPABILITY("mutex") RecursiveMutex {
     void acquireSlowly() {
         for (int attempt = 0; attempt < kAttemptsBeforeSleeping; ++attempt) {
             cpuRelax();
+            if (_state.load(std::memory_order_relaxed) == 0 && tryAcquire()) {
+                return;
+            }
+        }
+        for (int attempt = 0; attempt < kYieldsBeforeSleeping; ++attempt) {
+            std::this_thread::yield();
             if (_state.load(std::memory_order_relaxed) == 0 && tryAcquire()) {
                 return;
             }

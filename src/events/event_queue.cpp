@@ -39,6 +39,7 @@ inline void EventQueue::EventList::push_back(IEvent* event) {
 
 inline IEvent* EventQueue::EventList::pop_front() {
     IEvent* const event = _slots[_head];
+    ++_moves;
     _head = (_head + 1) & _mask;
     if (--_size == 0) {
         _head = 0;
@@ -62,6 +63,7 @@ inline std::size_t EventQueue::EventList::find(const IEvent* event) const {
 
 template <typename Predicate>
 void EventQueue::EventList::removeIf(Predicate remove) {
+    ++_moves;
     std::size_t kept = 0;
     for (std::size_t at = 0; at < _size; ++at) {
         IEvent* const event = (*this)[at];
@@ -140,8 +142,10 @@ void askQueued(const List& events, const IMatchEventFcn& match, OnAccepted onAcc
     std::size_t toAsk = events.size();
     for (std::size_t at = 0; toAsk > 0 && at < events.size(); --toAsk) {
         IEvent* const event = events[at];
+        const std::size_t moves = events.moves();
         const bool accepted = match(event);
-        if (findAgain(events, event, at)) {
+        // Nothing moved (the usual case: one comparison), or look for it.
+        if (events.moves() == moves || findAgain(events, event, at)) {
             if (accepted && onAccepted(at)) {
                 return;
             }
@@ -247,7 +251,7 @@ void EventQueue::postEvent(IEvent* const event, const IMatchEventFcn* const matc
             // the matched event, there is nothing left to replace and the new
             // event is appended.
             if (findAgain(_events, queued, at)) {
-                _events[at] = owned.release();
+                _events.replace(at, owned.release());
                 _coalesced.add(1);
                 // Destroyed under the lock, with the list already whole: its
                 // destructor may use the queue.

@@ -23,7 +23,26 @@ constexpr std::int64_t kNoDeadline = INT64_MAX;
 // Errors: the constructor throws std::bad_alloc when the system has no
 //   resources for it; nothing else throws.
 class Sleeper {
+    struct State;
+
   public:
+    // A wake taken while the sleeper is known to exist (for instance under a
+    // lock that the owner must take before it may destroy the sleeper) and
+    // given later, once that lock is released: a woken owner then does not
+    // block at once on the lock its waker still holds. It keeps what the wake
+    // needs alive, so the owner may have destroyed the sleeper meanwhile; the
+    // wake then reaches nobody. An empty Waker wakes nobody.
+    class Waker {
+      public:
+        Waker() = default;
+        // Ends the owner's current or next sleep; at most once per Waker.
+        void wake() noexcept;
+
+      private:
+        friend class Sleeper;
+        std::shared_ptr<State> _state;
+    };
+
     Sleeper();
     ~Sleeper();
     Sleeper(const Sleeper&) = delete;
@@ -31,6 +50,8 @@ class Sleeper {
 
     // Ends the owner's current or next sleep.
     void wake() noexcept;
+    // A wake to be given later (see Waker).
+    Waker waker() const noexcept;
     // Sleeps until woken or until deadlineNanoseconds on the steady clock of
     // the waits (kNoDeadline: no time limit), and consumes the wake. Returns
     // at once for a deadline that has passed. May also return early, without
@@ -40,8 +61,8 @@ class Sleeper {
     void sleepUntil(std::int64_t deadlineNanoseconds);
 
   private:
-    struct State;
-    std::unique_ptr<State> _state;
+    // Shared with the Wakers taken from it.
+    std::shared_ptr<State> _state;
 };
 
 // Blocks while word holds expected; returns when another thread has changed

@@ -5,9 +5,10 @@
 // Windows) on which its waits sleep. wait(Event&) tests the given event
 // under that event's lock and, when it is not set, registers the sleeper
 // with it in the same locked step (a Watch); then it does the same with the
-// stop event; then it sleeps. signal() wakes every sleeper registered with
-// its event while it holds the event's lock, so a signal given after the
-// test reaches the sleeper, whose wake is kept if it is not asleep yet:
+// stop event; then it sleeps. signal() takes a wake of every sleeper
+// registered with its event while it holds the event's lock and gives it
+// right after, so a signal given after the test reaches the sleeper, whose
+// wake is kept if it is not asleep yet:
 // nothing is lost, and the thread sleeps in one wait, without time slices,
 // until one of the two events is signalled. Each lock is taken on its own,
 // never two events' together.
@@ -20,7 +21,10 @@
 // returns it, under the event's lock, so an auto-reset event goes to one
 // wait only, and a wait woken for a signal that another waiter took sleeps
 // again. The registration ends before the wait returns, under the event's
-// lock, so signal() never touches a sleeper that is gone.
+// lock, so signal() finds only sleepers that exist; a wake it took may still
+// arrive after the wait has returned (it holds the sleeper's state, not the
+// sleeper), and ends the next sleep early: every sleep is in a loop that
+// looks again.
 //
 // The timed waits use the same sleeper with an absolute deadline on the
 // steady clock: the system ends the sleep at the deadline or at a signal,

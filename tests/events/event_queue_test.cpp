@@ -118,6 +118,40 @@ TEST(EventQueueReentryTest, MatchMergeAndDestructorsMayPostFlushAndProcessTheirO
         q.flushEvents(nested, true);  // runs 10
         q.processEvents();
         EXPECT_EQ(l.trace(), (Ints{4, 6, 9, 8, 10, 13}));
+        // A pass run from inside the walk, past its head, serves the event
+        // the walk stands on and leaves two new ones in the queue: the walk
+        // must not take them for the event it asked about.
+        auto* posting = new TestEvent(l, 16);
+        posting->onExecute = [&] {
+            post(19);
+            post(20);
+            return true;
+        };
+        q.postEvent(posting, nullptr, nullptr);
+        post(17);
+        const Match processingAt17([&](TestEvent& e) {
+            if (e.key != 17)
+                return false;
+            q.processEvents();
+            return true;
+        });
+        post(18, &processingAt17);  // 19 20 18
+        q.processEvents();
+        // A flush whose match replaces the event it is asked about, by
+        // coalescing into it, accepts an event that is gone: the new one in
+        // its place stays queued.
+        post(21);
+        post(22);
+        const Match takes21([](TestEvent& e) { return e.key == 21; });
+        const Match replacing21([&](TestEvent& e) {
+            if (e.key != 21)
+                return false;
+            post(23, &takes21);
+            return true;
+        });
+        q.flushEvents(replacing21, false);  // 23 22
+        q.processEvents();
+        EXPECT_EQ(l.trace(), (Ints{4, 6, 9, 8, 10, 13, 16, 17, 19, 20, 18, 23, 22}));
         post(15);  // left for the destructor
     }
     EXPECT_TRUE(l.fates[kWrong] == 0 && l.destroyed() == l.created && Info::alive == 0);

@@ -23,18 +23,35 @@ struct Sleeper::State {
     detail::Mutex mutex;
     std::condition_variable condition;
     bool woken KESTREL_GUARDED_BY(mutex) = false;
+
+    void wake() noexcept {
+        {
+            const detail::ScopedLock<detail::Mutex> lock(mutex);
+            woken = true;
+        }
+        condition.notify_one();
+    }
 };
 
-Sleeper::Sleeper() : _state(std::make_unique<State>()) {}
+Sleeper::Sleeper() : _state(std::make_shared<State>()) {}
 
 Sleeper::~Sleeper() = default;
 
 void Sleeper::wake() noexcept {
-    {
-        const detail::ScopedLock<detail::Mutex> lock(_state->mutex);
-        _state->woken = true;
+    _state->wake();
+}
+
+Sleeper::Waker Sleeper::waker() const noexcept {
+    Waker waker;
+    waker._state = _state;
+    return waker;
+}
+
+void Sleeper::Waker::wake() noexcept {
+    if (_state) {
+        _state->wake();
+        _state.reset();
     }
-    _state->condition.notify_one();
 }
 
 void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) {

@@ -85,7 +85,7 @@ struct Sleeper::State {
     }
 };
 
-Sleeper::Sleeper() : _state(std::make_unique<State>()) {
+Sleeper::Sleeper() : _state(std::make_shared<State>()) {
     _state->event = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (_state->event == nullptr) {
         throw std::bad_alloc();
@@ -96,6 +96,20 @@ Sleeper::~Sleeper() = default;
 
 void Sleeper::wake() noexcept {
     ::SetEvent(_state->event);
+}
+
+Sleeper::Waker Sleeper::waker() const noexcept {
+    Waker waker;
+    waker._state = _state;
+    return waker;
+}
+
+void Sleeper::Waker::wake() noexcept {
+    // The handle stays open while a Waker holds the state.
+    if (_state) {
+        ::SetEvent(_state->event);
+        _state.reset();
+    }
 }
 
 void Sleeper::sleepUntil(std::int64_t deadlineNanoseconds) {
