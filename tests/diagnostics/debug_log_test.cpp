@@ -153,13 +153,18 @@ TEST(KSDebugLogTest, DebuggerRecordsReachTheSystemsDebuggerOutput) {
 const std::string kWorldwideSuffix = u8"_Jos\u00e9_\u65e5\u672c";
 
 TEST(KSDebugLogTest, PrefixesNameAFileInsideTheTemporaryDirectoryWhateverTheyHold) {
-    const kestrel_test::ScopedTmpdir tmpdir(kWorldwideSuffix);
-    const std::filesystem::path outside = tmpdir.dir().parent_path();
+    // The temporary directory sits alone in a directory of this test's own
+    // (other tests create and remove theirs beside it meanwhile), so a file
+    // that escapes it shows as a second entry there.
+    const kestrel_test::ScopedTmpdir outer;
+    const std::filesystem::path inner =
+        outer.dir() / std::filesystem::u8path("tmp" + kWorldwideSuffix);
+    std::filesystem::create_directory(inner);
+    kestrel_test::setEnv(kestrel_test::kTempDirVariable, inner.u8string().c_str());
     const auto entriesOutside = [&] {
-        const std::filesystem::directory_iterator entries(outside);
+        const std::filesystem::directory_iterator entries(outer.dir());
         return std::distance(begin(entries), end(entries));
     };
-    const auto before = entriesOutside();
     const std::pair<std::string, std::string> prefixes[] = {
         {"../x", ".._x"},
         {"..\\x", ".._x"},
@@ -176,18 +181,17 @@ TEST(KSDebugLogTest, PrefixesNameAFileInsideTheTemporaryDirectoryWhateverTheyHol
         KSDebugLog log(prefix.c_str(), false);
         // The name is UTF-8, and names the file on every system.
         const std::filesystem::path name = std::filesystem::u8path(log.getFileName());
-        EXPECT_TRUE(std::filesystem::equivalent(name.parent_path(), tmpdir.dir()));
+        EXPECT_TRUE(std::filesystem::equivalent(name.parent_path(), inner));
         const std::string fileName = name.filename().u8string();
         EXPECT_EQ(fileName.substr(0, expected.size()), expected);
         EXPECT_LE(fileName.size(), expected.size() + 16);
         EXPECT_EQ(textOf(readFile(name)), "VELOX Debug Output file.\n\n\n");
     }
-    EXPECT_EQ(entriesOutside(), before);
+    EXPECT_EQ(entriesOutside(), 1);
 
     // A missing temporary directory is the file-system service's failure,
     // and reaches the caller as that service reported it.
-    kestrel_test::setEnv(kestrel_test::kTempDirVariable,
-                         (tmpdir.dir() / "missing").u8string().c_str());
+    kestrel_test::setEnv(kestrel_test::kTempDirVariable, (inner / "missing").u8string().c_str());
     EXPECT_THROW(KSDebugLog(), std::filesystem::filesystem_error);
 }
 
