@@ -1,7 +1,6 @@
 // Points the temporary-directory variable (TMPDIR; TMP on Windows) at a
-// fresh directory, named after the running test (and an optional UTF-8
-// suffix, to try names beyond ASCII), in the current directory while it
-// lives, and removes the directory after.
+// fresh directory, named after the running test, in the current directory
+// while it lives, and removes the directory after.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,10 +14,9 @@ namespace kestrel_test {
 
 class ScopedTmpdir {
   public:
-    explicit ScopedTmpdir(const std::string& suffix = std::string())
+    ScopedTmpdir()
         : _dir(std::filesystem::current_path() /
-               std::filesystem::u8path(
-                   testing::UnitTest::GetInstance()->current_test_info()->name() + suffix)),
+               testing::UnitTest::GetInstance()->current_test_info()->name()),
           _path(_dir.u8string()) {
         std::filesystem::remove_all(_dir);
         std::filesystem::create_directories(_dir);

@@ -99,8 +99,6 @@ TEST(TimestampTest, NothingComparesTrueWithNaNAndTheTimeVectorIsLocalCalendarTim
 
 TEST(TimestampTest, TheRealClockGivesTheSystemTimeInFineSteps) {
     EXPECT_GT(Timestamp::getSystemClockGranularity(), 0.0);  // calibrates
-    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
-    EXPECT_NEAR(fcns::time::getCurrentTimestamp(), now.count(), 1.0);
     EXPECT_LT(Timestamp::getGranularity(), kSchedulingAllowance);
 }
 
