@@ -12,15 +12,9 @@
 #include <sys/resource.h>
 #endif
 #if defined(_WIN32)
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
-
 #include <cstring>
+
+#include "support/os.h"  // windows.h
 #else
 #include <pthread.h>
 #endif
