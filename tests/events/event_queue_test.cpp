@@ -10,16 +10,18 @@
 using namespace kestrel;
 using namespace kestrel_test;
 
-TEST(EventQueueTest, CoalescesFlushesAndPassesOverWhatWasQueuedAtTheStartWithoutNesting) {
+// Every event handed over counts as posted, then under exactly one fate.
+TEST(EventQueueTest, CoalescesFlushesPassesAndCountsEachEventOnceUnderItsFate) {
     Ledger l;
     {
         EventQueue q(new Handler(l), {});
         const KeyMatch match1(1);
         const SumMerge merge;
-        const auto post = [&](TestEvent* e, const KeyMatch* match = nullptr) {
+        const auto post = [&](TestEvent* e, const IMatchEventFcn* match = nullptr) {
             q.postEvent(e, match, &merge);
             return e;
         };
+        q.postEvent(nullptr, nullptr, nullptr);                   // not an event: not counted
         q.processEvents();                                        // empty: tells nothing
         post(new TestEvent(l, 1, new Info(false, 10)), &match1);  // appended
         post(new TestEvent(l, 2));
@@ -37,16 +39,26 @@ TEST(EventQueueTest, CoalescesFlushesAndPassesOverWhatWasQueuedAtTheStartWithout
         };
         post(new TestEvent(l, 5), &match1);  // appended
         post(new TestEvent(l, 5))->executable = false;
+        const Match throwing([](TestEvent&) -> bool { throw std::runtime_error("match"); });
+        EXPECT_THROW(post(new TestEvent(l, 7), &throwing), std::runtime_error);  // refused
         q.flushEvents(KeyMatch(2, kFlushed), false);
         q.flushEvents(KeyMatch(5, kFlushed), true);  // runs the executable 5 only
-        q.processEvents();                           // only the events queued when it began
-        EXPECT_EQ(l.trace(), (Ints{5, 3, 6, 4}));
+        // Accepts 3, then throws: 3 is taken all the same, and not run.
+        int asked = 0;
+        const KeyMatch thenThrow(3, kFlushed, [&] {
+            if (++asked == 2)
+                throw std::runtime_error("flush");
+        });
+        EXPECT_THROW(q.flushEvents(thenThrow, true), std::runtime_error);
+        q.processEvents();  // only the events queued when it began
+        EXPECT_EQ(l.trace(), (Ints{5, 6, 4}));
         q.processEvents();
         post(new TestEvent(l, 12));  // left for the destructor
-        EXPECT_EQ(l.trace(), (Ints{5, 3, 6, 4, 10, 11}));
+        EXPECT_EQ(l.trace(), (Ints{5, 6, 4, 10, 11}));
         EXPECT_EQ(l.told(), (Ints{1, 2, 1}));
+        EXPECT_EQ(counts(q.getCounters()), (Counts{12, 5, 2, 4, 4}));  // 12 still queued
     }
-    EXPECT_TRUE(l.fates[kReplaced] == 2 && l.fates[kFlushed] == 2 && l.fates[kRefused] == 1);
+    EXPECT_TRUE(l.fates[kReplaced] == 2 && l.fates[kFlushed] == 3 && l.fates[kRefused] == 2);
     EXPECT_TRUE(l.handlers == 1 && l.destroyed() == l.created && Info::alive == 0);
 }
 
@@ -199,46 +211,6 @@ TEST(EventQueueNotificationTest, CoalescingIntoAQueueOfOneEventTellsTheHandlerEx
         EXPECT_EQ(l.trace(), (Ints{2, 3, 5, 7, 8, 9}));
     }
     EXPECT_TRUE(l.destroyed() == l.created && l.fates[kWrong] == 0);
-}
-
-// Every event handed over counts as posted, then under exactly one fate.
-TEST(EventQueueCountersTest, EachEventCountsOnceUnderItsFate) {
-    Ledger l;
-    EventQueue q(nullptr, {});
-    const KeyMatch match1(1);
-    const auto post = [&](int key, const IMatchEventFcn* match = nullptr) {
-        auto* e = new TestEvent(l, key);
-        q.postEvent(e, match, nullptr);
-        return e;
-    };
-    q.postEvent(nullptr, nullptr, nullptr);  // not an event: not counted
-    post(1, &match1);
-    post(1, &match1);  // replaces the first
-    post(2);
-    post(3)->executable = false;
-    post(4)->onExecute = []() -> bool { throw 4; };  // still executed
-    const Match throwing([](TestEvent&) -> bool { throw std::runtime_error("match"); });
-    EXPECT_THROW(post(5, &throwing), std::runtime_error);
-    EXPECT_EQ(counts(q.getCounters()), (Counts{6, 0, 1, 0, 1}));
-    q.processEvents();
-    EXPECT_EQ(counts(q.getCounters()), (Counts{6, 3, 1, 0, 2}));
-
-    // Flushes without service, serving an executable and a non-executable
-    // event, and one whose match throws after accepting one.
-    for (int key : {7, 8, 9, 10, 11})
-        post(key);
-    q.flushEvents(KeyMatch(7, kFlushed), false);
-    post(12)->executable = false;
-    q.flushEvents(KeyMatch(8, kFlushed), true);
-    q.flushEvents(KeyMatch(12, kFlushed), true);
-    int asked = 0;
-    const KeyMatch thenThrow(9, kFlushed, [&] {
-        if (++asked == 2)
-            throw std::runtime_error("flush");
-    });
-    EXPECT_THROW(q.flushEvents(thenThrow, true), std::runtime_error);
-    EXPECT_EQ(counts(q.getCounters()), (Counts{12, 4, 1, 4, 5}));  // 10 and 11 still queued
-    EXPECT_TRUE(l.fates[kExecuted] == 4 && l.fates[kReplaced] == 1);
 }
 
 // During the pass the executed first event appends 40 more while the head
