@@ -3,7 +3,10 @@
 // statement in a fresh child process.
 #include <gtest/gtest.h>
 
+#include <thread>
 #include "core/contract.h"
+
+#include "kestrel/events.h"
 #include "kestrel/threads.h"
 
 using namespace kestrel;
@@ -43,6 +46,55 @@ struct SelfStopper : WorkThread {
     }
 };
 
+struct Ticker : TimerThread {
+    Ticker() : TimerThread(FIXED_RATE, 0.001) {}
+    void executing() override {}
+};
+
+struct Quick : Thread {
+    bool run() override { return true; }
+};
+
+struct SelfStoppingTimer : TimerThread {
+    SelfStoppingTimer() : TimerThread(FIXED_RATE, 0.001) {}
+    ~SelfStoppingTimer() override { stop(); }
+    void executing() override { stop(); }
+};
+
+struct PeriodChanger : TimerThread {
+    PeriodChanger() : TimerThread(FIXED_RATE, 0.001) {}
+    ~PeriodChanger() override { stop(); }
+    void executing() override { setPeriod(getPeriod() * 2); }
+};
+
+struct SelfJoiner : Thread {
+    bool run() override {
+        join();
+        return true;
+    }
+};
+
+// How long the owner waits for its thread to break a rule. The process ends
+// there, so a passing case never waits this long; a wait that ended first
+// would let the owner's destructor come before the hook, and the case fail.
+// Generous: the thread may get no processor for a while on a loaded machine.
+constexpr double kDeathWithin = 10.0;
+
+template <class T>
+void startAndDelete(double seconds) {
+    auto* thread = new T;
+    thread->start();
+    Thread::sleep(seconds);
+    delete thread;
+}
+
+template <class T>
+void startAndWait() {
+    T thread;
+    thread.start();
+    Thread::sleep(kDeathWithin);
+}
+
 }  // namespace
 
 // A subclass that does not stop in its destructor gets the message, not a
@@ -51,22 +103,38 @@ struct SelfStopper : WorkThread {
 TEST_F(ContractChecksTest, BrokenRulesEndTheProcessWithAMessageThatNamesThem) {
     for (int round = 0; round < 3; ++round) {
         EXPECT_DEATH(
-            {
-                auto* thread = new Spinner;
-                thread->start();
-                Thread::sleep(0.001 * round);
-                delete thread;
-            },
+            startAndDelete<Spinner>(0.001 * round),
             "kestrel: WorkThread destroyed while its thread is running: call stop.. in the "
             "destructor of your subclass .see kestrel/threads.h, WorkThread.");
     }
+    EXPECT_DEATH(startAndWait<SelfStopper>(),
+                 "kestrel: WorkThread::stop.. called on the work thread itself");
+}
+
+// The other rules, one case each: the message names the rule broken.
+TEST_F(ContractChecksTest, EachOtherRuleNamesItself) {
+    EXPECT_DEATH(
+        startAndDelete<Ticker>(0.002),
+        "TimerThread destroyed while its thread is running: call stop.. in the destructor");
+    EXPECT_DEATH(startAndDelete<Quick>(0.0),
+                 "Thread destroyed while its thread was started and not joined");
+    EXPECT_DEATH(startAndWait<SelfJoiner>(), "Thread::join.. called on the thread itself");
+    EXPECT_DEATH(startAndWait<SelfStoppingTimer>(),
+                 "WorkThread::stop.. called on the work thread itself");
+    EXPECT_DEATH(startAndWait<PeriodChanger>(),
+                 "TimerThread::setPeriod.. called on the timer thread");
     EXPECT_DEATH(
         {
-            SelfStopper thread;
-            thread.start();
-            Thread::sleep(1.0);
+            EventManager::createInstance(nullptr);
+            std::thread([] { EventManager::destroyInstance(); }).join();
         },
-        "kestrel: WorkThread::stop.. called on the work thread itself");
+        "EventManager::destroyInstance.. called on a thread other than its processing thread");
+    EXPECT_DEATH(
+        {
+            EventManager::createInstance(nullptr);
+            std::thread([] { EventManager::createInstance(nullptr); }).join();
+        },
+        "EventManager::createInstance.. called on a thread other than the processing thread");
 }
 
 #else
