@@ -520,10 +520,11 @@ class KESTREL_API EventThread : protected WorkThread {
     // a cache line of their own: the event thread writes _wakeEvent's flag
     // on every pass and would otherwise take that line from each post.
     alignas(64) std::atomic<int> _posting;
-    // The queue's handler asked for a wake-up that is still to be given: the
-    // thread that made the call which notified gives it once it has left the
-    // queue's lock.
-    std::atomic<bool> _wakePending;
+    // Whether the queue's handler asked for a wake-up that is still to be
+    // given (the thread that made the call which notified gives it once it
+    // has left the queue's lock), or the thread watches for posts and takes
+    // such a request itself (see event_thread.cpp).
+    std::atomic<int> _wakePending;
     // The counts of the queues of earlier runs; guarded by _mutex.
     Counters _pastCounters;
     // Posts refused because the thread was not running.
