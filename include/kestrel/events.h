@@ -321,10 +321,20 @@ class KESTREL_API EventQueue {
             ++_moves;
         }
         // Changes with every pop, replacement and removal, which move events
-        // to other positions or out of the list (appends move nothing): a
-        // walk that calls caller code learns from it whether the position it
-        // stands on still holds the event it asked about.
+        // to other positions or out of the list, and when the array grows
+        // (appends move nothing else): a walk that calls caller code learns
+        // from it whether the position it stands on still holds the event it
+        // asked about, and whether its view of the array still holds.
         std::size_t moves() const { return _moves; }
+        // The array as it stands, for reading by position: valid until
+        // moves() changes.
+        struct View {
+            IEvent* const* slots;
+            std::size_t head;
+            std::size_t mask;
+            IEvent* operator[](std::size_t at) const { return slots[(head + at) & mask]; }
+        };
+        View view() const { return View{_slots, _head, _mask}; }
 
       private:
         void grow();
