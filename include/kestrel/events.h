@@ -321,10 +321,20 @@ class KESTREL_API EventQueue {
             ++_moves;
         }
         // Changes with every pop, replacement and removal, which move events
-        // to other positions or out of the list (appends move nothing): a
-        // walk that calls caller code learns from it whether the position it
-        // stands on still holds the event it asked about.
+        // to other positions or out of the list, and when the array grows
+        // (appends move nothing else): a walk that calls caller code learns
+        // from it whether the position it stands on still holds the event it
+        // asked about, and whether its view of the array still holds.
         std::size_t moves() const { return _moves; }
+        // The array as it stands, for reading by position: valid until
+        // moves() changes.
+        struct View {
+            IEvent* const* slots;
+            std::size_t head;
+            std::size_t mask;
+            IEvent* operator[](std::size_t at) const { return slots[(head + at) & mask]; }
+        };
+        View view() const { return View{_slots, _head, _mask}; }
 
       private:
         void grow();
@@ -520,10 +530,11 @@ class KESTREL_API EventThread : protected WorkThread {
     // a cache line of their own: the event thread writes _wakeEvent's flag
     // on every pass and would otherwise take that line from each post.
     alignas(64) std::atomic<int> _posting;
-    // The queue's handler asked for a wake-up that is still to be given: the
-    // thread that made the call which notified gives it once it has left the
-    // queue's lock.
-    std::atomic<bool> _wakePending;
+    // Whether the queue's handler asked for a wake-up that is still to be
+    // given (the thread that made the call which notified gives it once it
+    // has left the queue's lock), or the thread watches for posts and takes
+    // such a request itself (see event_thread.cpp).
+    std::atomic<int> _wakePending;
     // The counts of the queues of earlier runs; guarded by _mutex.
     Counters _pastCounters;
     // Posts refused because the thread was not running.

@@ -151,8 +151,9 @@ class KESTREL_API Event {
     struct Condition;
 
     std::unique_ptr<Mutex> _mutex;
-    // Waited on together with _mutex by wait(); also lists the WorkThread
-    // waits that signal() must wake.
+    // Where wait() sleeps, having found the flag clear under _mutex; signal()
+    // wakes it there. (The WorkThread waits that signal() must wake are
+    // listed with _mutex.)
     std::unique_ptr<Condition> _condition;
     const bool _manualReset;
     // Read and written under _mutex.

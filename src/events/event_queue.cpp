@@ -84,6 +84,7 @@ void EventQueue::EventList::grow() {
     _slots = slots;
     _mask = capacity - 1;
     _head = 0;
+    ++_moves;  // a walk's view of the array is gone
 }
 
 namespace {
@@ -137,15 +138,58 @@ bool findAgain(const List& events, const IEvent* event, std::size_t& at) {
 // present index), until onAccepted returns true. Events that match itself
 // posts meanwhile are not asked about: a match that posts on every call would
 // otherwise never finish.
+//
+// The walk goes over a view of the array that nothing has moved since it was
+// taken, slot after slot through the (at most two) runs of the array that
+// hold the positions to ask about, and compares the count of moves once after
+// each call. Should match have re-entered the queue and moved events, the
+// walk finds the event it asked about again and takes a new view.
 template <typename List, typename OnAccepted>
 void askQueued(const List& events, const IMatchEventFcn& match, OnAccepted onAccepted) {
     std::size_t toAsk = events.size();
-    for (std::size_t at = 0; toAsk > 0 && at < events.size(); --toAsk) {
-        IEvent* const event = events[at];
+    std::size_t at = 0;
+    while (toAsk > 0 && at < events.size()) {
         const std::size_t moves = events.moves();
-        const bool accepted = match(event);
-        // Nothing moved (the usual case: one comparison), or look for it.
-        if (events.moves() == moves || findAgain(events, event, at)) {
+        const typename List::View view = events.view();
+        const auto positionOf = [&view](IEvent* const* slot) {
+            return (static_cast<std::size_t>(slot - view.slots) - view.head) & view.mask;
+        };
+        // Appends (which alone leave the count) only lengthen the list beyond
+        // the events to ask about.
+        const std::size_t count = std::min(toAsk, events.size() - at);
+        const std::size_t first = (view.head + at) & view.mask;
+        const std::size_t firstRun = std::min(count, view.mask + 1 - first);
+        std::size_t secondRun = count - firstRun;
+        IEvent* const* slot = view.slots + first;
+        IEvent* const* end = slot + firstRun;
+        IEvent* asked = nullptr;
+        bool accepted = false;
+        for (;;) {
+            for (; slot != end; ++slot) {
+                asked = *slot;
+                accepted = match(asked);
+                if (events.moves() != moves) {
+                    break;
+                }
+                if (accepted && onAccepted(positionOf(slot))) {
+                    return;
+                }
+            }
+            if (slot != end || secondRun == 0) {
+                break;
+            }
+            slot = view.slots;
+            end = slot + secondRun;
+            secondRun = 0;
+        }
+        if (slot == end) {
+            return;  // every event was asked about
+        }
+        // match moved events: the view is stale (the array may even be gone).
+        const std::size_t position = positionOf(slot);
+        toAsk -= position - at + 1;
+        at = position;
+        if (findAgain(events, asked, at)) {
             if (accepted && onAccepted(at)) {
                 return;
             }

@@ -68,10 +68,16 @@ class Sleeper {
 // Blocks while word holds expected; returns when another thread has changed
 // it and called wakeWordWaiters(), or without cause.
 void waitOnWord(const std::atomic<int>& word, int expected) noexcept;
+// The same wait as a cancellation point (where the system has them), for
+// waits that may last as long as the caller's wish: a thread cancelled in
+// it unwinds from there. Returns also when woken by wakeOneWordWaiter().
+void sleepOnWord(const std::atomic<int>& word, int expected);
 // Wakes every thread in waitOnWord() on word. Uses only the address, never
 // the memory behind it: a thread may call it after the word's owner, woken
 // by the change it made, has destroyed the word.
 void wakeWordWaiters(const void* word) noexcept;
+// Wakes one thread waiting on word, if any; as wakeWordWaiters() otherwise.
+void wakeOneWordWaiter(const void* word) noexcept;
 
 // Asks the system to end the calling thread's timed waits as close to their
 // deadlines as it can, for as long as the thread lives (Linux: no timer slack

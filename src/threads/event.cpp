@@ -36,9 +36,11 @@ void Event::signal() {
     // wakes are taken under it, as Wakers that keep their sleepers' state
     // alive; the rare waits beyond the first few are woken under the lock.
     // Each looks at the flag again, so an auto-reset signal is still taken
-    // by one wait only.
+    // by one wait only. The same holds for the threads in wait(): the word
+    // changes under the lock, and they are woken after it.
     constexpr std::size_t kWakesAfterLock = 4;
     platform::Sleeper::Waker wakes[kWakesAfterLock];
+    bool wakeSleepers = false;
     {
         const detail::ScopedLock<Mutex> lock(*_mutex);
         _signalled.store(true, std::memory_order_relaxed);
@@ -51,16 +53,25 @@ void Event::signal() {
                 watch->sleeper->wake();
             }
         }
+        if (_mutex->sleepers != 0) {
+            // A sleeper that has not reached the system's wait yet finds the
+            // word changed and does not block.
+            _condition->word.fetch_add(1, std::memory_order_relaxed);
+            wakeSleepers = true;
+        }
     }
     for (platform::Sleeper::Waker& wake : wakes) {
         wake.wake();
     }
     // The flag is set before anyone is woken, so a waiter that has not yet
-    // blocked finds it when it tests.
-    if (_manualReset) {
-        _condition->notify_all();
-    } else {
-        _condition->notify_one();
+    // blocked finds it when it tests. Only the address is used: the event
+    // may be gone once a waiter has run (see kestrel/threads.h).
+    if (wakeSleepers) {
+        if (_manualReset) {
+            platform::wakeWordWaiters(&_condition->word);
+        } else {
+            platform::wakeOneWordWaiter(&_condition->word);
+        }
     }
     if (const detail::SignalHook hook = detail::signalHook.load(std::memory_order_acquire)) {
         hook();
@@ -75,7 +86,24 @@ void Event::reset() {
 void Event::wait() {
     detail::UniqueLock lock(*_mutex);
     while (!_signalled.load(std::memory_order_relaxed)) {
-        _condition->wait(lock.native());
+        // Counted among the sleepers while it is one, so that signal()
+        // changes the word and wakes it.
+        ++_mutex->sleepers;
+        const int word = _condition->word.load(std::memory_order_relaxed);
+        lock.native().unlock();
+        // Re-takes the lock and stops counting however the sleep ends: a
+        // cancelled thread (the sleep is a cancellation point) unwinds from
+        // it, and must not leave later signals waking nobody at a system
+        // call's cost.
+        struct Awake {
+            Event& event;
+            std::unique_lock<std::mutex>& lock;
+            ~Awake() KESTREL_NO_THREAD_SAFETY_ANALYSIS {
+                lock.lock();
+                --event._mutex->sleepers;
+            }
+        } awake{*this, lock.native()};
+        platform::sleepOnWord(_condition->word, word);
     }
     if (!_manualReset) {
         _signalled.store(false, std::memory_order_relaxed);

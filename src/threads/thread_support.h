@@ -28,14 +28,26 @@ struct EventWatch {
 
 }  // namespace detail
 
-// The standard library's mutex and condition variable: a wake-up through
-// Boost's condition variable takes a second, internal mutex on both sides
-// (for thread interruption, which no Event wait offers), which doubles the
-// cost of a signal-and-wake round trip.
+// The standard library's mutex guards the flag: a wake-up through Boost's
+// condition variable takes a second, internal mutex on both sides (for
+// thread interruption, which no Event wait offers), which doubles the cost of
+// a signal-and-wake round trip.
 struct Event::Mutex : detail::Mutex {
     detail::EventWatch* watches KESTREL_GUARDED_BY(this) = nullptr;
+    // The threads in Event::wait() that have found the flag clear and sleep,
+    // or are about to, on the condition's word.
+    int sleepers KESTREL_GUARDED_BY(this) = 0;
 };
-struct Event::Condition : std::condition_variable {};
+
+// What Event::wait() sleeps on: a word of memory that signal() changes, under
+// the event's lock, whenever it finds sleepers, and then wakes them through.
+// It does the work of a condition variable without the standard one's cost
+// on Linux, where a thread woken from a condition variable re-takes the mutex
+// as if others were queued on it and so makes a further system call when it
+// releases it: three system calls per wake-up instead of two.
+struct Event::Condition {
+    std::atomic<int> word{0};
+};
 
 namespace detail {
 

@@ -240,4 +240,31 @@ TEST(EventQueueCountersTest, TheQueueKeepsItsOrderWhileItsStorageWrapsAndGrows) 
     }
     EXPECT_EQ(l.trace(), expected);
     EXPECT_EQ(counts(q.getCounters()), (Counts{51, 49, 1, 1, 1}));
+
+    // Wrapped without growing: 300 to 303 at the end of the array, 304 to 307
+    // at its start; the walks cross from one to the other.
+    Ledger w;
+    EventQueue wrapped(nullptr, {});
+    for (int key = 0; key < 12; ++key) {
+        auto* event = new TestEvent(w, key);
+        if (key == 7) {
+            event->onExecute = [&] {
+                for (int late = 300; late < 308; ++late)
+                    wrapped.postEvent(new TestEvent(w, late), nullptr, nullptr);
+                return true;
+            };
+        }
+        wrapped.postEvent(event, nullptr, nullptr);
+    }
+    wrapped.processEvents();
+    const KeyMatch match306(306);
+    wrapped.postEvent(new TestEvent(w, 400), &match306, nullptr);
+    wrapped.flushEvents(KeyMatch(301, kFlushed), false);
+    wrapped.flushEvents(KeyMatch(305, kFlushed), false);
+    wrapped.processEvents();
+    expected.assign(12, 0);
+    std::iota(expected.begin(), expected.end(), 0);
+    for (int key : {300, 302, 303, 304, 400, 307})
+        expected.push_back(key);
+    EXPECT_EQ(w.trace(), expected);
 }

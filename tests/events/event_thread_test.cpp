@@ -2,6 +2,7 @@
 // that throws, posts elsewhere or stops the thread, and its idleness.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <thread>
 
 #include "core/contract.h"
@@ -103,6 +104,38 @@ TEST(EventThreadStopTest, StopWaitsForAPosterStillInsideTheWakeUp) {
     poster.join();
     kestrel::detail::setSignalHookForTesting(nullptr);
     EXPECT_TRUE(l.fates[kExecuted] == 1 && l.destroyed() == l.created);
+}
+
+// Each post lands from 0 to 4 us after the event before it was served: in
+// the pass that served it, in the moment before the thread sleeps, or in its
+// sleep. No wake-up may be lost in any of them.
+TEST(EventThreadTest, APostRightAfterAPassIsServed) {
+    EventThread thread;
+    ASSERT_TRUE(thread.start());
+    struct Count : IEvent {
+        explicit Count(std::atomic<int>& n) : IEvent(nullptr), served(n) {}
+        bool execute() override {
+            ++served;
+            return true;
+        }
+        std::atomic<int>& served;
+    };
+    std::atomic<int> served{0};
+    for (int post = 1; post <= 10000; ++post) {
+        (new Count(served))->postEvent(thread);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        // Spins at first, to post as soon as it sees the event served; yields
+        // later, in case the event thread waits for this CPU.
+        for (int spins = 0; served < post && std::chrono::steady_clock::now() < deadline; ++spins) {
+            if (spins > 1000)
+                std::this_thread::yield();
+        }
+        ASSERT_EQ(served, post);
+        const auto after =
+            std::chrono::steady_clock::now() + std::chrono::nanoseconds(250 * (post % 16));
+        while (std::chrono::steady_clock::now() < after) {
+        }
+    }
 }
 
 TEST(EventThreadTest, IdleEventThreadsNeverWake) {

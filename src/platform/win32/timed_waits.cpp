@@ -147,9 +147,17 @@ void waitOnWord(const std::atomic<int>& word, int expected) noexcept {
     ::WaitOnAddress(const_cast<std::atomic<int>*>(&word), &expected, sizeof(int), INFINITE);
 }
 
+void sleepOnWord(const std::atomic<int>& word, int expected) {
+    waitOnWord(word, expected);
+}
+
 void wakeWordWaiters(const void* word) noexcept {
     // The system keys its waiters by address and does not read the memory.
     ::WakeByAddressAll(const_cast<void*>(word));
+}
+
+void wakeOneWordWaiter(const void* word) noexcept {
+    ::WakeByAddressSingle(const_cast<void*>(word));
 }
 
 void requestPreciseTimedWaits() noexcept {
