@@ -75,11 +75,17 @@ void startAndDelete(double seconds) {
     delete thread;
 }
 
+// How long the owner waits for its thread to break a rule. The process ends
+// there, so a passing case never waits this long; a wait that ended first
+// would let the owner's destructor come before the hook, and the case fail.
+// Generous: the thread may get no processor for a while on a loaded machine.
+constexpr double kDeathWithin = 10.0;
+
 template <class T>
 void startAndWait() {
     T thread;
     thread.start();
-    Thread::sleep(1.0);
+    Thread::sleep(kDeathWithin);
 }
 
 const char* const kWorkThreadDestroyed =
@@ -125,7 +131,7 @@ TEST_F(ContractChecksTest, StopSetPeriodOrJoinOnTheThreadItselfIsReported) {
             EventThread thread;
             thread.start();
             (new StopEvent(thread))->postEvent(thread);
-            Thread::sleep(1.0);
+            Thread::sleep(kDeathWithin);
         },
         kStopFromItself);
     EXPECT_DEATH(startAndWait<PeriodChanger>(),
