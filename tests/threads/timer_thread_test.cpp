@@ -65,7 +65,7 @@ TEST(TimerThreadTest, KeepsItsScheduleAndCountThroughAnOverrunAndAPeriodChange) 
         timer.setPeriod(30.0);  // restarts it again: the stop comes during the wait
         const double stopBegan = Timestamp().getTime();
         timer.stop();
-        EXPECT_LT(Timestamp().getTime() - stopBegan, kSchedulingAllowance);
+        EXPECT_LT(Timestamp().getTime() - stopBegan, kBlockedAfter);
         EXPECT_EQ(timer.getStartTime(), started);
         // No execution at the stop, none lost to a restart.
         ASSERT_EQ(static_cast<std::size_t>(timer.getExecutions()), timer.runs.size());
@@ -110,9 +110,10 @@ TEST(TimerThreadTest, FixedRateRunsTheExecutionsAnOverrunMissedWithoutWaiting) {
     for (std::size_t i = 1; i < timer.due.size(); ++i)
         EXPECT_NEAR(timer.due[i] - timer.due[0], static_cast<double>(i) * kPeriod, 1e-6);
     // The three executions due during the overrun follow the first at once:
-    // a timer that waited a period before each would take 1.2 s.
+    // a timer that waited a period before each would take 1.2 s. (Twice
+    // a period: the thread may be held up on a loaded machine.)
     const std::chrono::duration<double> catchingUp = timer.began[3] - timer.began[0];
-    EXPECT_LT(catchingUp.count(), kPeriod);
+    EXPECT_LT(catchingUp.count(), 2 * kPeriod);
 }
 
 // Periods that are no positive number leave 1 s; huge ones sleep, idle,
@@ -134,7 +135,7 @@ TEST(TimerThreadTest, OddPeriodsKeepTheirMeaningWithoutSpinning) {
         EXPECT_EQ(timer.getExecutions(), executions);
         const double stopBegan = Timestamp().getTime();
         timer.stop();
-        EXPECT_LT(Timestamp().getTime() - stopBegan, kSchedulingAllowance);
+        EXPECT_LT(Timestamp().getTime() - stopBegan, kBlockedAfter);
     }
 }
 
