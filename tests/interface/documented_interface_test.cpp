@@ -78,12 +78,10 @@ class CountingEvent : public IEvent {
 
 TEST(DocumentedInterfaceTest, GetIdIsTheThreadingLibrarysIdentifierAndConstructorsConvert) {
     RecordingThread thread = Thread::HIGH_PRIORITY;
-    EXPECT_EQ(thread.getID(), boost::thread::id());
     ASSERT_TRUE(thread.start());
     const boost::thread::id running = thread.getID();
     thread.join();
     EXPECT_TRUE(thread.seen == running && thread.sameAsGetID);
-    EXPECT_NE(running, boost::this_thread::get_id());
     EXPECT_EQ(thread.getID(), boost::thread::id());  // joined: no thread object
 
     // Copy-initialisation from each documented converting constructor.
