@@ -367,8 +367,9 @@ class KESTREL_API EventQueue {
     friend class EventThread;
 
     void processEvents(std::size_t maxEvents);
-    // Records outcomes (and clears it) under the same lock.
-    IEvent* popEvent(Outcomes& outcomes);
+    // Records outcomes (and clears it) under the same lock; when the queue is
+    // empty, ends the pass there and returns null.
+    IEvent* popEventOrEndPass(Outcomes& outcomes);
     std::size_t getMatchingEvent(const IMatchEventFcn& match);
     void notifyIfEventsToProcess(EventAction action);
     // Counts the event in outcomes as executed or discarded.

@@ -401,15 +401,24 @@ inline void EventQueue::record(const Outcomes& outcomes) {
 }
 
 // Marked as processEvent() is, which is inlined here.
+//
+// The pass takes its first event under the lock that starts it, and a pop
+// that finds the queue empty ends it under that same lock (with nothing left
+// there is nobody to notify): a pass of n events takes the lock n + 1 times,
+// not n + 3, which counts where the thread serves a few events at a time.
 KESTREL_CATCHES_THREAD_END void EventQueue::processEvents(std::size_t maxEvents) {
+    IEvent* first = nullptr;
     {
         detail::OpaqueGuard lock(_mutex->mutex);
-        if (_processing) {
-            return;
+        if (_processing || _events.empty()) {
+            return;  // a pass over an empty queue serves and tells nothing
         }
         _processing = true;
         if (maxEvents == kEventsQueuedAtStart) {
             maxEvents = _events.size();
+        }
+        if (maxEvents > 0) {
+            first = _events.pop_front();
         }
     }
     // Ends the pass even if something below throws (in practice only the
@@ -428,14 +437,20 @@ KESTREL_CATCHES_THREAD_END void EventQueue::processEvents(std::size_t maxEvents)
         }
     } passEnd{*this, Outcomes(), false};
 
-    // popEvent() reads the count and takes the head under one lock: null
-    // when the queue is empty (also when another thread flushed it meanwhile).
-    for (std::size_t served = 0; served < maxEvents; ++served) {
-        std::unique_ptr<IEvent> event(popEvent(passEnd.outcomes));
-        if (!event) {
+    std::unique_ptr<IEvent> event(first);
+    for (std::size_t served = 1; event; ++served) {
+        processEvent(event, passEnd.outcomes);
+        event.reset();
+        if (served >= maxEvents) {
             break;
         }
-        processEvent(event, passEnd.outcomes);
+        // Null when the queue is empty (also when another thread flushed it
+        // meanwhile): the pass has then ended.
+        event.reset(popEventOrEndPass(passEnd.outcomes));
+        if (!event) {
+            passEnd.done = true;
+            return;
+        }
     }
     // Notifying and leaving the pass under one lock: an event posted right
     // after the pass ends sees _processing false and notifies by itself.
@@ -447,11 +462,12 @@ KESTREL_CATCHES_THREAD_END void EventQueue::processEvents(std::size_t maxEvents)
     passEnd.done = true;
 }
 
-inline IEvent* EventQueue::popEvent(Outcomes& outcomes) {
+inline IEvent* EventQueue::popEventOrEndPass(Outcomes& outcomes) {
     detail::OpaqueGuard lock(_mutex->mutex);
     record(outcomes);
     outcomes = Outcomes();
     if (_events.empty()) {
+        _processing = false;
         return nullptr;
     }
     return _events.pop_front();
