@@ -7,7 +7,9 @@
 //   asio     boost::asio::io_context with one thread in run(), post();
 //   poco     Poco::NotificationQueue drained by one thread;
 //   std      std::mutex + std::condition_variable + std::deque of
-//            std::function, the queue a team would write by hand.
+//            std::function, the queue a team would write by hand;
+//   allocating deque  the same queue holding one heap object per task
+//            (throughput only): what the allocation alone costs it.
 #pragma once
 
 #include <Poco/AutoPtr.h>
@@ -20,6 +22,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -119,9 +122,44 @@ class PocoConsumer {
     std::thread _thread;
 };
 
-class StdConsumer {
-  public:
+// How the hand-written queue keeps its tasks: inline in a std::function
+// (the small lambdas of the workloads need no allocation), or one heap
+// object per task behind a virtual call, as an IEvent queue must.
+struct InlineTasks {
     static constexpr const char* kName = "std mutex+condvar+deque";
+    using Stored = std::function<void()>;
+    template <typename Task>
+    static Stored wrap(Task task) {
+        return Stored(std::move(task));
+    }
+    static void run(Stored& task) { task(); }
+};
+
+struct HeapTasks {
+    // Not "std ...": the std queue's targets are not this contender's.
+    static constexpr const char* kName = "allocating deque (new per task)";
+    struct Base {
+        virtual ~Base() = default;
+        virtual void run() = 0;
+    };
+    template <typename Task>
+    struct Holder final : Base {
+        explicit Holder(Task task) : _task(std::move(task)) {}
+        void run() override { _task(); }
+        Task _task;
+    };
+    using Stored = std::unique_ptr<Base>;
+    template <typename Task>
+    static Stored wrap(Task task) {
+        return std::make_unique<Holder<Task>>(std::move(task));
+    }
+    static void run(Stored& task) { task->run(); }
+};
+
+template <typename Tasks>
+class HandWrittenConsumer {
+  public:
+    static constexpr const char* kName = Tasks::kName;
     void start() {
         _thread = std::thread([this] { consume(); });
     }
@@ -135,9 +173,10 @@ class StdConsumer {
     }
     template <typename Task>
     void post(Task task) {
+        typename Tasks::Stored stored = Tasks::wrap(std::move(task));
         {
             std::lock_guard<std::mutex> lock(_mutex);
-            _tasks.emplace_back(std::move(task));
+            _tasks.push_back(std::move(stored));
         }
         _condition.notify_one();
     }
@@ -150,19 +189,23 @@ class StdConsumer {
             if (_tasks.empty()) {
                 return;
             }
-            std::function<void()> task = std::move(_tasks.front());
+            typename Tasks::Stored task = std::move(_tasks.front());
             _tasks.pop_front();
             lock.unlock();
-            task();
+            Tasks::run(task);
+            task = typename Tasks::Stored();  // destroyed unlocked, as kestrel's
             lock.lock();
         }
     }
 
     std::mutex _mutex;
     std::condition_variable _condition;
-    std::deque<std::function<void()>> _tasks;  // guarded by _mutex
-    bool _stopping = false;                    // guarded by _mutex
+    std::deque<typename Tasks::Stored> _tasks;  // guarded by _mutex
+    bool _stopping = false;                     // guarded by _mutex
     std::thread _thread;
 };
+
+using StdConsumer = HandWrittenConsumer<InlineTasks>;
+using AllocatingStdConsumer = HandWrittenConsumer<HeapTasks>;
 
 }  // namespace kestrel_bench

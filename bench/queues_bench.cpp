@@ -274,6 +274,7 @@ void registerQueueWorkloads() {
     registerThroughput<AsioConsumer>();
     registerThroughput<PocoConsumer>();
     registerThroughput<StdConsumer>();
+    registerThroughput<AllocatingStdConsumer>();
 
     registerCoalescing<KestrelConsumer, KestrelCoalescing>();
     registerCoalescing<AsioConsumer, PlainPosting>();
