@@ -40,11 +40,11 @@ void Event::signal() {
     // changes under the lock, and they are woken after it.
     constexpr std::size_t kWakesAfterLock = 4;
     platform::Sleeper::Waker wakes[kWakesAfterLock];
+    std::size_t taken = 0;
     bool wakeSleepers = false;
     {
         const detail::ScopedLock<Mutex> lock(*_mutex);
         _signalled.store(true, std::memory_order_relaxed);
-        std::size_t taken = 0;
         for (const detail::EventWatch* watch = _mutex->watches; watch != nullptr;
              watch = watch->next) {
             if (taken < kWakesAfterLock) {
@@ -60,6 +60,10 @@ void Event::signal() {
             wakeSleepers = true;
         }
     }
+    const detail::SignalHook hook = detail::signalHook.load(std::memory_order_acquire);
+    if (hook != nullptr) {
+        hook(detail::SignalPoint::kWakesTaken, taken);
+    }
     for (platform::Sleeper::Waker& wake : wakes) {
         wake.wake();
     }
@@ -73,8 +77,8 @@ void Event::signal() {
             platform::wakeOneWordWaiter(&_condition->word);
         }
     }
-    if (const detail::SignalHook hook = detail::signalHook.load(std::memory_order_acquire)) {
-        hook();
+    if (hook != nullptr) {
+        hook(detail::SignalPoint::kEnd, 0);
     }
 }
 

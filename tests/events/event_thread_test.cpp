@@ -70,8 +70,9 @@ namespace {
 std::atomic<std::thread::id> heldSignaller;
 std::atomic<int> signalPhase{0};  // 1: the poster is held; 2: released
 
-void holdPosterInSignal() {
-    if (std::this_thread::get_id() == heldSignaller.load()) {
+void holdPosterInSignal(kestrel::detail::SignalPoint point, std::size_t /*wakes*/) {
+    if (point == kestrel::detail::SignalPoint::kEnd &&
+        std::this_thread::get_id() == heldSignaller.load()) {
         signalPhase = 1;
         waitFor([] { return signalPhase == 2; });
     }

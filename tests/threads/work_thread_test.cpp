@@ -9,11 +9,13 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kestrel/threads.h"
 #include "support/idle.h"
 #include "support/other_thread.h"
+#include "threads/signal_hook.h"
 
 using namespace kestrel;
 using namespace kestrel_test;
@@ -178,4 +180,46 @@ TEST(WorkThreadWaitTest, OddDurationsKeepTheirMeaningWithoutSpinning) {
     }
     EXPECT_EQ(results, std::vector<int>(18, true));
     EXPECT_EQ(w.taken, 0);
+}
+
+namespace {
+
+// Holds the signalling thread with the wake of a waiting work thread taken
+// but not yet given, until the test lets it go.
+std::atomic<std::thread::id> holder;
+std::atomic<int> wakePhase{0};  // 1: a taken wake is held; 2: released
+
+void holdTakenWake(detail::SignalPoint point, std::size_t wakes) {
+    if (point == detail::SignalPoint::kWakesTaken && wakes > 0 &&
+        std::this_thread::get_id() == holder.load()) {
+        wakePhase = 1;
+        waitFor([] { return wakePhase == 2; });
+    }
+}
+
+}  // namespace
+
+// A signal takes the wakes of waiting work threads under the event's lock and
+// gives them after it: the thread may stop and its owner destroy it in
+// between. The late wake must reach nothing (AddressSanitizer sees any use
+// of the gone thread's sleeper).
+TEST(WorkThreadWaitTest, AWakeGivenAfterItsThreadIsDestroyedReachesNothing) {
+    Event event;  // auto reset
+    auto* waiter = new Waiter;
+    waiter->body = [&event](Waiter& self) { return self.wait(event); };
+    ASSERT_TRUE(waiter->start());
+    detail::setSignalHookForTesting(holdTakenWake);
+    std::thread signaller([&] {
+        holder = std::this_thread::get_id();
+        // A signal that comes before the wait sleeps is taken without a wake.
+        while (wakePhase == 0) {
+            event.signal();
+            std::this_thread::yield();
+        }
+    });
+    ASSERT_TRUE(waitFor([] { return wakePhase == 1; }));
+    delete waiter;  // stops it: the event (signalled) wins one wait, the stop the next
+    wakePhase = 2;
+    signaller.join();
+    detail::setSignalHookForTesting(nullptr);
 }
