@@ -115,8 +115,8 @@ static std::optional<std::string> systemThreadName() {
 #endif
 }
 
-// The default name, and a name set before a start, reach the system; Linux's
-// 15 bytes are cut at a character boundary.
+// A name set before a start reaches the system; Linux's 15 bytes are cut at
+// a character boundary.
 TEST(ThreadTest, NamesSetBeforeAStartReachTheSystem) {
     if (!systemThreadName())
         GTEST_SKIP() << "this system keeps no thread names";
@@ -124,9 +124,6 @@ TEST(ThreadTest, NamesSetBeforeAStartReachTheSystem) {
         std::optional<std::string> seen;
         bool run() override { return bool(seen = systemThreadName()); }
     } plain;
-    ASSERT_TRUE(plain.start());
-    plain.join();
-    EXPECT_EQ(plain.seen, "kestrel-thread");
 
     // Byte 15 falls inside the third euro sign.
     const struct {
