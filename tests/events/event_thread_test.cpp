@@ -110,19 +110,12 @@ TEST(EventThreadStopTest, StopWaitsForAPosterStillInsideTheWakeUp) {
 // the pass that served it, in the moment before the thread sleeps, or in its
 // sleep. No wake-up may be lost in any of them.
 TEST(EventThreadTest, APostRightAfterAPassIsServed) {
+    Ledger l;
     EventThread thread;
     ASSERT_TRUE(thread.start());
-    struct Count : IEvent {
-        explicit Count(std::atomic<int>& n) : IEvent(nullptr), served(n) {}
-        bool execute() override {
-            ++served;
-            return true;
-        }
-        std::atomic<int>& served;
-    };
-    std::atomic<int> served{0};
+    const std::atomic<int>& served = l.executed;
     for (int post = 1; post <= 10000; ++post) {
-        (new Count(served))->postEvent(thread);
+        (new TestEvent(l, post))->postEvent(thread);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         // Spins at first, to post as soon as it sees the event served; yields
         // later, in case the event thread waits for this CPU.
@@ -139,20 +132,18 @@ TEST(EventThreadTest, APostRightAfterAPassIsServed) {
 }
 
 TEST(EventThreadTest, IdleEventThreadsNeverWake) {
+    Ledger l;
     EventThread threads[4];
     std::vector<long> tids;
     for (EventThread& thread : threads) {
         ASSERT_TRUE(thread.start());
-        struct Tid : IEvent {
-            explicit Tid(std::atomic<long>& t) : IEvent(nullptr), tid(t) {}
-            bool execute() override {
-                tid = currentTid();
-                return true;
-            }
-            std::atomic<long>& tid;
-        };
         std::atomic<long> tid{-1};
-        (new Tid(tid))->postEvent(thread);
+        auto* e = new TestEvent(l, 0);
+        e->onExecute = [&tid] {
+            tid = currentTid();
+            return true;
+        };
+        e->postEvent(thread);
         ASSERT_TRUE(waitFor([&] { return tid != -1; }));
         tids.push_back(tid);
     }
