@@ -98,13 +98,13 @@ void copyDependency(const fs::path& dir) {
         fs::copy_file(file.path(), dir / file.path().filename());
 }
 
-// Notes its calls with the loader calls, and refuses every file; with 42 it
-// throws that number from getException instead.
+// Notes its calls with the loader calls, and refuses every file; with 7 or
+// 42 it throws that number from verifyPlugin or getException instead.
 struct TestStrategy : kestrel::IVerificationStrategy {
     explicit TestStrategy(int throws) : _throws(throws) {}
     bool verifyPlugin(const ustring& path) override {
         LoaderRecorder::calls().push_back("verify " + fl::i18n::to_string(path));
-        return false;
+        return _throws == 7 ? throw 7 : false;
     }
     KSException getException(const ustring& path) override {
         LoaderRecorder::calls().push_back("exception " + fl::i18n::to_string(path));
@@ -149,6 +149,8 @@ const LoadCase kLoadCases[] = {
      Calls{}},
     {"StrategyRefuses", kEntryDll, kEntryDll, kEntry, "", "", 1, "test:plugin:refused: refused",
      "Verification failed!", Calls{"verify " + kEntryDll, "exception " + kEntryDll}},
+    {"StrategyThrowsFromVerify", kEntryDll, kEntryDll, kEntry, "", "", 7, "throws 7", "",
+     Calls{"verify " + kEntryDll}},
     {"StrategyThrowsFromGetException", kEntryPlugin, kEntryDll, kEntry, "", "", 42, "throws 42", "",
      Calls{"verify " + kEntryDll, "exception " + kEntryDll}},
     {"EntryPointMissingAfterTheFallbackLoad", kEntryPlugin, kEntryDll, "nowhere", "/unused",
