@@ -9,19 +9,25 @@
 using kestrel::Event;
 using kestrel_test::waitFor;
 
-// A manual-reset signal releases every wait until reset(). (The waits of the
-// work threads take auto-reset signals once.)
-TEST(EventTest, ManualResetSignalsStayUntilReset) {
-    Event event(true, true);
-    event.wait();
-    event.wait();
-    event.reset();
-    std::atomic<bool> passed{false};
+// An auto-reset signal releases one wait and is taken by it; a manual-reset
+// one releases every wait until reset().
+TEST(EventTest, AutoResetSignalsAreTakenOnceAndManualResetOnesStayUntilReset) {
+    Event automatic(false, true), manual(true, true);
+    automatic.wait();
+    manual.wait();
+    manual.wait();
+    manual.reset();
+    std::atomic<int> passed{0};
     std::thread waiter([&] {
-        event.wait();
-        passed = true;
+        automatic.wait();
+        ++passed;
+        manual.wait();
+        ++passed;
     });
-    EXPECT_FALSE(waitFor([&] { return passed.load(); }, 0.1));
-    event.signal();
+    EXPECT_FALSE(waitFor([&] { return passed > 0; }, 0.1));
+    automatic.signal();
+    EXPECT_TRUE(waitFor([&] { return passed == 1; }));
+    EXPECT_FALSE(waitFor([&] { return passed > 1; }, 0.1));
+    manual.signal();
     waiter.join();
 }
