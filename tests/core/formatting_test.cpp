@@ -3,7 +3,6 @@
 #include <string>
 
 #include "kestrel/formatting.h"
-#include "support/fake_clock.h"
 
 using namespace kestrel;
 
@@ -24,14 +23,4 @@ TEST(FormatTextTest, TrimsIndentsAndEndsWithOnePeriodAndNewline) {
     EXPECT_EQ(format("done.\n", nullptr, true), "done.");
     EXPECT_EQ(format("\t", "\t", true), ".");
     EXPECT_EQ(format("x\n\n", "- ", true, true), "- x.\n");
-}
-
-TEST(IdentifierTest, SeriesStartAtOneAndAtTheCurrentSecond) {
-    // No other test of this program draws identifiers: these are its first.
-    EXPECT_EQ(fcns::getSequentialID(), 1);
-    EXPECT_EQ(fcns::getSequentialID(), 2);
-    kestrel_test::FakeClock clock(1234567890.5);
-    EXPECT_EQ(fcns::getUniqueID(), 1234567890);
-    clock.advance(100.0);
-    EXPECT_EQ(fcns::getUniqueID(), 1234567891);
 }

@@ -2,7 +2,6 @@
 // exclusion of every other thread, also of those that had to sleep on it.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -33,23 +32,8 @@ TEST(RecursiveMutexTest, OwnerReentersOthersWaitForTheLastUnlockAndSleepersAreWo
         mutex.unlock();
     });
 
-    // A thread that finds the mutex held past its short retry sleeps, and
-    // the release wakes it.
-    mutex.lock();
-    std::atomic<bool> entered{false};
-    std::thread sleeper([&] {
-        mutex.lock();
-        entered = true;
-        mutex.unlock();
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(entered.load());
-    mutex.unlock();
-    sleeper.join();
-    EXPECT_TRUE(entered.load());
-
     // Contenders, some of them sleeping, some nesting: every increment of a
-    // plain counter is kept.
+    // plain counter is kept, and every sleeper is woken.
     constexpr int kThreads = 4, kRounds = 20000;
     long counter = 0;
     std::vector<std::thread> threads;

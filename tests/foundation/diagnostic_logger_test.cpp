@@ -9,22 +9,6 @@
 
 using foundation::log::diagnostic_logger;
 
-// A channel writes only the severities its mask enables, failures by default.
-TEST(DiagnosticLoggerTest, WritesOnlyTheSeveritiesItsMaskEnables) {
-    diagnostic_logger logger("test::channel");
-    EXPECT_EQ(foundation::log::severity_mask("test::channel"), 0x7E00u);
-    EXPECT_TRUE(logger.is_enabled(512) && !logger.is_enabled(8) && !logger.is_enabled(0));
-    {
-        const kestrel_test::ChannelCapture capture("test::channel", 8 | 16);
-        EXPECT_FALSE(logger.is_enabled(8 | 32));
-        for (unsigned int severity : {8u, 512u, 16u})
-            logger.write(severity, "line " + std::to_string(severity));
-        EXPECT_EQ(capture.lines(),
-                  (std::vector<kestrel_test::ChannelLine>{{8, "line 8"}, {16, "line 16"}}));
-    }
-    EXPECT_EQ(foundation::log::severity_mask("test::channel"), 0x7E00u);  // restored
-}
-
 // Until the host routes the records itself, they are lines on standard
 // error; afterwards they reach the host's sink only, also from channels
 // built later.

@@ -11,10 +11,6 @@
 #include "support/idle.h"
 #include "support/other_thread.h"
 
-#if defined(__linux__)
-#include <sys/prctl.h>
-#endif
-
 using namespace kestrel;
 using namespace kestrel_test;
 
@@ -41,14 +37,8 @@ struct Ticker : TimerThread {
 struct Counter : TimerThread {
     using TimerThread::TimerThread;
     std::atomic<int> executions{0};
-    std::atomic<long> slack{-1};
     ~Counter() override { stop(); }
-    void executing() override {
-        ++executions;
-#if defined(__linux__)
-        slack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
-#endif
-    }
+    void executing() override { ++executions; }
 };
 
 }  // namespace
@@ -144,13 +134,3 @@ TEST(TimerThreadTest, AThrowingExecutionLeavesTheTimerStoppableAndRestartable) {
     timer.throwAt = 1;
     expectUsableAfterFault(timer, true, [&] { return timer.getExecutions(); });
 }
-
-#if defined(__linux__)
-// Its timed waits are precise: the thread runs without timer slack.
-TEST(TimerThreadTest, RunsWithoutTimerSlack) {
-    Counter timer(TimerThread::FIXED_RATE, 0.001);
-    ASSERT_TRUE(timer.start());
-    EXPECT_TRUE(waitFor([&] { return timer.slack != -1; }));
-    EXPECT_EQ(timer.slack, 1);
-}
-#endif

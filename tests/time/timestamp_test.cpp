@@ -97,11 +97,6 @@ TEST(TimestampTest, NothingComparesTrueWithNaNAndTheTimeVectorIsLocalCalendarTim
     }
 }
 
-TEST(TimestampTest, TheRealClockGivesTheSystemTimeInFineSteps) {
-    EXPECT_GT(Timestamp::getSystemClockGranularity(), 0.0);  // calibrates
-    EXPECT_LT(Timestamp::getGranularity(), kSchedulingAllowance);
-}
-
 // setClockSources() returns only once no reading of the sources it replaced
 // is in progress, whatever other threads do meanwhile: a test may destroy
 // them at once. A reading here that sees its sources retired while it runs
